@@ -1,0 +1,42 @@
+/* Exported C entry points of the pytarn bridge library.
+ *
+ * Every entry is called by the host on its main Tcl thread (the thread that
+ * calls `load`), except the two module initialisers, which the embedded
+ * Python's import machinery calls on the Python thread. */
+#ifndef PYTARN_H
+#define PYTARN_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct Tcl_Interp;
+struct _object; /* PyObject */
+
+#if defined(__GNUC__)
+#define PYTARN_EXPORT __attribute__((visibility("default")))
+#else
+#define PYTARN_EXPORT
+#endif
+
+/* Starts the Python thread and initialises the interpreter on it; returns 0
+ * when the ::python:: commands exist in `interp`, 1 when start-up failed.
+ * Blocks until start-up has finished, carrying out Python's Tcl requests
+ * meanwhile. The Python installation is looked up under `python/` relative to
+ * the working directory. A second call returns the first call's status. */
+PYTARN_EXPORT int load(struct Tcl_Interp* interp);
+
+/* Asks the helper module's makeFunction(first, second) to create a function.
+ * Returns the Tcl completion code and leaves the result in the interpreter
+ * given to `load`. `second` may be null (passed on as ""). */
+PYTARN_EXPORT int createFunction(const char* first, const char* second);
+
+/* Built-in module initialisers registered with the embedded interpreter. */
+PYTARN_EXPORT struct _object* PyInit_TclMod(void);
+PYTARN_EXPORT struct _object* PyInit_Orvanta(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,66 @@
+#include "TclConvert.h"
+
+namespace tcl_convert {
+
+namespace {
+
+const Tcl_ObjType* listType() {
+    static const Tcl_ObjType* type = Tcl_GetObjType("list");
+    return type;
+}
+
+const Tcl_ObjType* dictType() {
+    static const Tcl_ObjType* type = Tcl_GetObjType("dict");
+    return type;
+}
+
+Tcl_Obj* copyAt(Tcl_Obj* value, int level) {
+    if (level > max_depth) return nullptr;
+    if (value->typePtr == listType()) {
+        int count = 0;
+        Tcl_Obj** elements = nullptr;
+        Tcl_ListObjGetElements(nullptr, value, &count, &elements);
+        Tcl_Obj* list = Tcl_NewListObj(0, nullptr);
+        for (int i = 0; i < count; ++i) {
+            Tcl_Obj* element = copyAt(elements[i], level + 1);
+            if (!element) {
+                Tcl_IncrRefCount(list);
+                Tcl_DecrRefCount(list);
+                return nullptr;
+            }
+            Tcl_ListObjAppendElement(nullptr, list, element);
+        }
+        return list;
+    }
+    if (value->typePtr == dictType()) {
+        Tcl_Obj* dict = Tcl_NewDictObj();
+        Tcl_DictSearch search;
+        Tcl_Obj* key = nullptr;
+        Tcl_Obj* val = nullptr;
+        int done = 0;
+        if (Tcl_DictObjFirst(nullptr, value, &search, &key, &val, &done) != TCL_OK) return dict;
+        for (; !done; Tcl_DictObjNext(&search, &key, &val, &done)) {
+            Tcl_Obj* copy = copyAt(val, level + 1);
+            if (!copy) {
+                Tcl_DictObjDone(&search);
+                Tcl_IncrRefCount(dict);
+                Tcl_DecrRefCount(dict);
+                return nullptr;
+            }
+            int length = 0;
+            const char* text = Tcl_GetStringFromObj(key, &length);
+            Tcl_DictObjPut(nullptr, dict, Tcl_NewStringObj(text, length), copy);
+        }
+        Tcl_DictObjDone(&search);
+        return dict;
+    }
+    int length = 0;
+    const char* text = Tcl_GetStringFromObj(value, &length);
+    return Tcl_NewStringObj(text, length);
+}
+
+} // namespace
+
+Tcl_Obj* detachedCopy(Tcl_Obj* value) { return copyAt(value, 1); }
+
+} // namespace tcl_convert

@@ -1,0 +1,250 @@
+#include "TclConvert.h"
+
+#include "PyErrors.h"
+
+#include <cstring>
+
+using pytarn::printPythonError;
+using pytarn::SmartPyObj;
+using pytarn::SmartTclObj;
+
+namespace {
+
+bool isStr(PyObject* obj) {
+    return PyType_HasFeature(Py_TYPE(obj), Py_TPFLAGS_UNICODE_SUBCLASS);
+}
+
+// UTF-8 text of a str up to its first NUL; empty (error left set) on failure.
+std::string utf8Text(PyObject* str) {
+    const char* text = PyUnicode_AsUTF8(str);
+    return text ? std::string(text) : std::string();
+}
+
+// Depth of the conversion under way on this thread. Conversions nest only
+// through themselves (and through __str__/items() code they call, which may
+// convert again: that counts too, which is what a self-referencing value needs).
+thread_local int depth = 0;
+
+class DepthGuard {
+public:
+    DepthGuard() { ++depth; }
+    ~DepthGuard() { --depth; }
+    DepthGuard(const DepthGuard&) = delete;
+    DepthGuard& operator=(const DepthGuard&) = delete;
+    // Sets RecursionError (unless an error is already pending) when too deep.
+    bool tooDeep() const {
+        if (depth <= tcl_convert::max_depth) return false;
+        if (!PyErr_Occurred())
+            PyErr_SetString(PyExc_RecursionError, "value nested too deeply to convert");
+        return true;
+    }
+};
+
+bool recursionPending() {
+    return PyErr_Occurred() && PyErr_ExceptionMatches(PyExc_RecursionError);
+}
+
+const Tcl_ObjType* listType() {
+    static const Tcl_ObjType* type = Tcl_GetObjType("list");
+    return type;
+}
+
+const Tcl_ObjType* dictType() {
+    static const Tcl_ObjType* type = Tcl_GetObjType("dict");
+    return type;
+}
+
+} // namespace
+
+std::string SmartPyObj::stdstr() const {
+    if (!obj_) return {};
+    if (isStr(obj_)) return utf8Text(obj_);
+    SmartPyObj str(PyObject_Str(obj_));
+    if (!str || !isStr(str.get())) return {};
+    return utf8Text(str.get());
+}
+
+bool isTclOctal(const char* text) {
+    if (!text || text[0] != '0') return false;
+    bool nonZero = false;
+    for (const char* p = text; *p; ++p) {
+        if (*p < '0' || *p > '7') return false;
+        nonZero = nonZero || *p != '0';
+    }
+    return nonZero;
+}
+
+bool isTclFloat(const char* text) {
+    if (!text) return false;
+    int points = 0;
+    int digits = 0;
+    for (const char* p = text; *p; ++p) {
+        if (*p == '.') {
+            ++points;
+        } else if (*p >= '0' && *p <= '9') {
+            ++digits;
+        } else {
+            return false;
+        }
+    }
+    return points == 1 && digits > 0;
+}
+
+namespace tcl_convert {
+
+Tcl_Obj* toTcl(SmartPyObj value) {
+    if (!value) return toTcl("");
+    unsigned long flags = PyType_GetFlags(Py_TYPE(value.get()));
+    if (flags & (Py_TPFLAGS_LIST_SUBCLASS | Py_TPFLAGS_TUPLE_SUBCLASS))
+        return toTclList(std::move(value));
+    if (flags & Py_TPFLAGS_DICT_SUBCLASS) return toTclDict(std::move(value));
+    return toTclStr(std::move(value));
+}
+
+Tcl_Obj* toTclList(SmartPyObj value) {
+    Tcl_Obj* list = Tcl_NewListObj(0, nullptr);
+    DepthGuard guard;
+    if (!value || guard.tooDeep()) return list;
+    Py_ssize_t n = PyObject_Size(value.get());
+    if (n < 1) return list;
+    // A sequence may shrink while its items are converted (its own code runs
+    // in __str__ of an item); stop at the first missing item.
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        if (!PySequence_Check(value.get())) break;
+        SmartPyObj item(PySequence_GetItem(value.get(), i));
+        if (!item) {
+            if (recursionPending()) break;
+            continue;
+        }
+        Tcl_ListObjAppendElement(nullptr, list, toTcl(std::move(item)));
+        if (recursionPending()) break;
+    }
+    return list;
+}
+
+Tcl_Obj* toTclDict(SmartPyObj value) {
+    Tcl_Obj* dict = Tcl_NewDictObj();
+    DepthGuard guard;
+    if (!value || guard.tooDeep()) return dict;
+    SmartPyObj items(PyMapping_Items(value.get()));
+    if (!items) return dict;
+    Py_ssize_t n = PyObject_Size(items.get());
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        if (!PySequence_Check(items.get())) break;
+        SmartPyObj pair(PySequence_GetItem(items.get(), i));
+        if (!pair || !PySequence_Check(pair.get())) continue;
+        SmartPyObj key(PySequence_GetItem(pair.get(), 0));
+        SmartPyObj val(PySequence_GetItem(pair.get(), 1));
+        if (!key || !val) continue;
+        // Both are converted before either is stored, so a failed key
+        // conversion cannot leave the value's object unowned.
+        SmartTclObj tclValue(toTcl(std::move(val)));
+        SmartTclObj tclKey(toTcl(std::move(key)));
+        Tcl_DictObjPut(nullptr, dict, tclKey.get(), tclValue.get());
+        if (recursionPending()) break;
+    }
+    return dict;
+}
+
+Tcl_Obj* toTclStr(SmartPyObj value) {
+    if (!value) return toTcl("");
+    // Text straight from the str's UTF-8 cache: no copy on the way to Tcl.
+    PyObject* str = value.get();
+    SmartPyObj converted;
+    if (!isStr(str)) {
+        converted = PyObject_Str(str);
+        str = converted && isStr(converted.get()) ? converted.get() : nullptr;
+    }
+    const char* text = str ? PyUnicode_AsUTF8(str) : nullptr;
+    return toTcl(text ? text : "");
+}
+
+Tcl_Obj* toTcl(const char* text) { return Tcl_NewStringObj(text, -1); }
+
+SmartPyObj fromTcl(Tcl_Obj* value) {
+    if (value->typePtr && value->typePtr == listType()) return fromTclList(value);
+    if (value->typePtr && value->typePtr == dictType()) return fromTclDict(value);
+    int length = 0;
+    const char* text = Tcl_GetStringFromObj(value, &length);
+    // Python reads the text up to a NUL; Tcl keeps NUL as 0xC0 0x80, so a
+    // genuine NUL byte can only come from a malformed object.
+    if (std::memchr(text, '\0', static_cast<size_t>(length))) return SmartPyObj();
+    SmartPyObj number(PyLong_FromString(text, nullptr, 0));
+    if (number) return number;
+    PyErr_Clear();
+    if (isTclOctal(text)) {
+        number = PyLong_FromString(text, nullptr, 8);
+        if (number) return number;
+        PyErr_Clear();
+    }
+    SmartPyObj str(PyUnicode_DecodeUTF8(text, length, nullptr));
+    if (!str) {
+        PyErr_Clear();
+        return str;
+    }
+    if (isTclFloat(text)) {
+        number = PyFloat_FromString(str.get());
+        if (number) return number;
+        PyErr_Clear();
+    }
+    return str;
+}
+
+SmartPyObj fromTclList(Tcl_Obj* value) {
+    DepthGuard guard;
+    if (guard.tooDeep()) return SmartPyObj();
+    int count = 0;
+    Tcl_Obj** elements = nullptr;
+    Tcl_ListObjGetElements(nullptr, value, &count, &elements);
+    SmartPyObj list(PyList_New(0));
+    if (!list) {
+        printPythonError();
+        return SmartPyObj::none();
+    }
+    for (int i = 0; i < count; ++i) {
+        SmartPyObj item = fromTcl(elements[i]);
+        if (!item && recursionPending()) return SmartPyObj();
+        if (!item || PyList_Append(list.get(), item.get()) != 0) {
+            if (!PyErr_Occurred())
+                PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
+            printPythonError();
+            return list;
+        }
+    }
+    return list;
+}
+
+SmartPyObj fromTclDict(Tcl_Obj* value) {
+    DepthGuard guard;
+    if (guard.tooDeep()) return SmartPyObj();
+    SmartPyObj dict(PyDict_New());
+    if (!dict) {
+        printPythonError();
+        return SmartPyObj::none();
+    }
+    Tcl_DictSearch search;
+    Tcl_Obj* key = nullptr;
+    Tcl_Obj* val = nullptr;
+    int done = 0;
+    bool failed = Tcl_DictObjFirst(nullptr, value, &search, &key, &val, &done) != TCL_OK;
+    for (; !failed && !done; Tcl_DictObjNext(&search, &key, &val, &done)) {
+        SmartPyObj item = fromTcl(val);
+        if (!item && recursionPending()) {
+            Tcl_DictObjDone(&search);
+            return SmartPyObj();
+        }
+        int keyLength = 0;
+        const char* keyText = Tcl_GetStringFromObj(key, &keyLength);
+        SmartPyObj pyKey(PyUnicode_DecodeUTF8(keyText, keyLength, nullptr));
+        failed = !item || !pyKey || PyDict_SetItem(dict.get(), pyKey.get(), item.get()) != 0;
+    }
+    Tcl_DictObjDone(&search);
+    if (failed) {
+        if (!PyErr_Occurred())
+            PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
+        printPythonError();
+    }
+    return dict;
+}
+
+} // namespace tcl_convert

@@ -1,0 +1,45 @@
+// Value conversion between Tcl objects and Python objects.
+//
+// Every function runs with the Python interpreter lock held. Tcl objects
+// given to fromTcl must not be touched by another thread during the call;
+// objects returned by toTcl are new (reference count 0) and unshared.
+#pragma once
+
+#include "SmartObj.h"
+
+// Tcl's leading-zero octal form: "017" yes; "0", "08", "0o17", "-017" no.
+bool isTclOctal(const char* text);
+// A plain decimal fraction: digits and exactly one point, at least one digit.
+bool isTclFloat(const char* text);
+
+namespace tcl_convert {
+
+using pytarn::SmartPyObj;
+
+// Containers nested deeper than this fail with RecursionError instead of
+// exhausting the stack (a self-containing value would recurse for ever).
+constexpr int max_depth = 1000;
+
+// Python to Tcl: lists and tuples become lists, dicts become dicts, the rest
+// its str() text. Failures leave the Python error set and yield empty parts.
+Tcl_Obj* toTcl(SmartPyObj value);
+Tcl_Obj* toTclList(SmartPyObj value);
+Tcl_Obj* toTclDict(SmartPyObj value);
+Tcl_Obj* toTclStr(SmartPyObj value);
+Tcl_Obj* toTcl(const char* text);
+
+// Tcl to Python: decided by the internal form (list, dict), then by the text
+// (int, Tcl octal, plain fraction, str). An empty handle means the value
+// could not be converted; a RecursionError is left set when it was too deep.
+SmartPyObj fromTcl(Tcl_Obj* value);
+SmartPyObj fromTclList(Tcl_Obj* value);
+SmartPyObj fromTclDict(Tcl_Obj* value);
+
+// A copy of `value` that shares no object with it, so that it can be handed
+// to another thread while Tcl goes on using the original. Lists and dicts are
+// copied element by element (they decide the conversion); everything else
+// becomes a plain string. Runs on the Tcl thread; needs no Python lock.
+// Null when nesting exceeds max_depth.
+Tcl_Obj* detachedCopy(Tcl_Obj* value);
+
+} // namespace tcl_convert

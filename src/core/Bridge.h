@@ -1,0 +1,100 @@
+// The bridge's process-wide state: the Python thread, the cached Python
+// objects and the globals through which every part reaches them.
+#pragma once
+
+#include "../event/Event.h"
+
+#include <pytarn.h>
+
+#include <atomic>
+#include <thread>
+
+namespace pytarn {
+
+// Objects cached by init; written only by init, released at static
+// destruction (after the Python thread has ended, so without the lock).
+class PythonState {
+public:
+    PythonState() = default;
+    PythonState(const PythonState&) = delete;
+    PythonState& operator=(const PythonState&) = delete;
+    ~PythonState();
+
+    SmartPyObj main_dict;
+    SmartPyObj tcl;
+    SmartPyObj tcl_error;
+    SmartPyObj shell;
+    SmartPyObj complete_expression;
+    SmartPyObj tab_complete;
+    SmartPyObj make_function;
+};
+
+class PythonThread {
+public:
+    PythonThread() = default;
+    PythonThread(const PythonThread&) = delete;
+    PythonThread& operator=(const PythonThread&) = delete;
+    ~PythonThread();
+
+    // The body of the Python thread: init, then service requests until
+    // `alive` is cleared.
+    void run();
+    // Clears `alive`, wakes every waiter and joins the thread.
+    void stop();
+
+    std::thread thread;
+    std::atomic<bool> alive{true};
+    std::atomic<bool> ready{false};
+    int status = 0; // published by the store to `ready`
+    event::Notifier notifier;
+    event::EventMgr event_mgr;
+};
+
+extern PythonState python_state;
+extern PythonThread python_thread;
+extern event::Notifier* const notifier;
+extern event::EventMgr* const event_mgr;
+extern std::atomic<bool>* const python_alive;
+extern Tcl_ThreadId main_tcl_thread;
+extern Tcl_Interp* tcl_interp;
+
+// True while requests for Python can be carried out: start-up succeeded and
+// shutdown has not begun.
+bool pythonRunning();
+
+// Runs on the Python thread; returns 0 on success, 1 on failure, holding the
+// interpreter lock either way.
+int init();
+
+// Prints and clears the pending Python error through sys.stderr. Unlike a
+// bare PyErr_Print it never ends the process on SystemExit.
+void printPythonError();
+
+// Work functions: run on a Python thread with the interpreter lock held;
+// return a new reference, or null with a Python error set.
+namespace python {
+PyObject* eval(const char* code);
+PyObject* exec(const char* code);
+bool execNoResult(const char* code); // true when it failed (error left set)
+PyObject* check(const char* text);
+PyObject* tabComplete(const char* text);
+PyObject* get(const char* expression);
+PyObject* set(const char* target, SmartTclObj* value);
+PyObject* createFunction(const char* first, const char* second);
+} // namespace python
+
+// Tcl command procedures of the ::python namespace (main Tcl thread).
+namespace tcl_api {
+int eval(void* clientData, Tcl_Interp* interp, int argc, const char** argv);
+int exec(void* clientData, Tcl_Interp* interp, int argc, const char** argv);
+int check(void* clientData, Tcl_Interp* interp, int argc, const char** argv);
+int tabComplete(void* clientData, Tcl_Interp* interp, int argc, const char** argv);
+int get(void* clientData, Tcl_Interp* interp, int argc, const char** argv);
+int set(void* clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]);
+} // namespace tcl_api
+
+namespace c_api {
+int createFunction(const char* first, const char* second);
+} // namespace c_api
+
+} // namespace pytarn

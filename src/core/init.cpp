@@ -1,0 +1,125 @@
+// Start-up of the embedded interpreter on the Python thread.
+#include "Bridge.h"
+
+#include "convert/PyErrors.h"
+
+#include <iostream>
+
+namespace pytarn {
+
+namespace {
+
+// Routes sys.stdout and sys.stderr to the host's channels, makes `tcl` and
+// `TclError` built-in names and imports the host's helper module. Some lines
+// end in blanks; the text is kept exactly as hosts have always seen it.
+const char* const bootstrap_script =
+    "import sys, os\n"
+    "for i,v in enumerate(sys.path):\n"
+    "    sys.path[i] = os.path.join(os.path.abspath(os.path.curdir), v).replace('\\\\', '/')\n"
+    "sys.path.insert(0, '.')\n"
+    "import TclMod\n"
+    "class TCL():               \n"
+    "    stdout = TclMod.stdout \n"
+    "    stderr = TclMod.stderr \n"
+    "    set    = TclMod.set    \n"
+    "    get    = TclMod.get    \n"
+    "    eval   = TclMod.eval   \n"
+    "TclMod.TCL = TCL           \n"
+    "del TCL                    \n"
+    "__tcl = TclMod.TCL()       \n"
+    "tcl = __tcl                \n"
+    "TclMod.tcl = __tcl         \n"
+    "class TclError(Exception): pass \n"
+    "tcl.TclError = TclError         \n"
+    "TclMod.TclError = TclError      \n"
+    "class _Channel():                    \n"
+    "    def __init__(self, write_func):  \n"
+    "        self.write_func = write_func \n"
+    "    def write(self, msg):            \n"
+    "        self.write_func(msg)         \n"
+    "    def flush(self):                 \n"
+    "        pass                         \n"
+    "sys.stdout = _Channel(tcl.stdout)\n"
+    "sys.stderr = _Channel(tcl.stderr)\n"
+    "del _Channel\n"
+    "tcl.__swap = None\n"
+    "from Orvanta import *\n"
+    "import builtins\n"
+    "setattr(builtins, 'tcl', tcl)\n"
+    "setattr(builtins, 'TclError', TclError)\n"
+    "import OrvaShell\n";
+
+// Relative to the working directory at start-up; the bootstrap makes all but
+// "." absolute. The final empty entry stands for that directory itself.
+const wchar_t* const search_path[] = {L"python/lib", L"python/", L"python/bin/linux64",
+                                      L"python/lib/site-packages", L""};
+
+bool startInterpreter() {
+    PyImport_AppendInittab("TclMod", PyInit_TclMod);
+    PyImport_AppendInittab("Orvanta", PyInit_Orvanta);
+
+    PyConfig config;
+    PyConfig_InitPythonConfig(&config);
+    // A library inside someone else's process: no environment, no command
+    // line, no signal handlers, no changes to the C streams.
+    config.parse_argv = 0;
+    config.use_environment = 0;
+    config.install_signal_handlers = 0;
+    config.configure_c_stdio = 0;
+    config.pathconfig_warnings = 0;
+    config.user_site_directory = 0;
+    config.write_bytecode = 0;
+    config.site_import = 0;
+    PyStatus status = PyConfig_SetString(&config, &config.program_name, L"python35");
+    if (!PyStatus_Exception(status))
+        status = PyConfig_SetString(&config, &config.home, L"python");
+    config.module_search_paths_set = 1;
+    for (const wchar_t* entry : search_path) {
+        if (!PyStatus_Exception(status))
+            status = PyWideStringList_Append(&config.module_search_paths, entry);
+    }
+    if (!PyStatus_Exception(status)) status = Py_InitializeFromConfig(&config);
+    PyConfig_Clear(&config);
+    if (PyStatus_Exception(status)) {
+        std::cerr << "Python start-up failed: " << (status.err_msg ? status.err_msg : "")
+                  << "\n";
+        return false;
+    }
+    return true;
+}
+
+// A new reference to main_dict[name], or null; raises nothing.
+PyObject* mainEntry(const char* name) {
+    PyObject* dict = python_state.main_dict.get();
+    if (!dict || !PyDict_Check(dict)) return nullptr;
+    PyObject* entry = PyDict_GetItemString(dict, name);
+    Py_XINCREF(entry);
+    return entry;
+}
+
+} // namespace
+
+int init() {
+    if (!startInterpreter()) return 1;
+    SmartPyObj main = SmartPyObj::borrow(PyImport_AddModule("__main__"));
+    python_state.main_dict = main ? PyObject_GetAttrString(main.get(), "__dict__") : nullptr;
+    python::execNoResult(bootstrap_script);
+    python_state.tcl = mainEntry("tcl");
+    python_state.tcl_error = mainEntry("TclError");
+    python_state.shell = mainEntry("OrvaShell");
+    if (python_state.shell && !PyErr_Occurred()) {
+        PyObject* shell = python_state.shell.get();
+        python_state.complete_expression = PyObject_GetAttrString(shell, "completeExpression");
+        if (!PyErr_Occurred())
+            python_state.tab_complete = PyObject_GetAttrString(shell, "tabComplete");
+        if (!PyErr_Occurred())
+            python_state.make_function = PyObject_GetAttrString(shell, "makeFunction");
+    }
+    if (PyErr_Occurred()) {
+        printPythonError();
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace pytarn

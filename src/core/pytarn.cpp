@@ -1,0 +1,122 @@
+// The entry point, the Python thread's life and the process-wide globals.
+#include "Bridge.h"
+
+#include "convert/PyErrors.h"
+
+#include <iostream>
+#include <system_error>
+
+namespace pytarn {
+
+// Construction order matters: python_thread is destroyed first, stopping the
+// thread, and python_state releases its references after it.
+PythonState python_state;
+PythonThread python_thread;
+event::Notifier* const notifier = &python_thread.notifier;
+event::EventMgr* const event_mgr = &python_thread.event_mgr;
+std::atomic<bool>* const python_alive = &python_thread.alive;
+Tcl_ThreadId main_tcl_thread = nullptr;
+Tcl_Interp* tcl_interp = nullptr;
+
+namespace {
+
+constexpr std::chrono::seconds load_wait_bound{1};
+constexpr std::chrono::seconds idle_wait_bound{5};
+
+bool load_called = false; // main Tcl thread only
+
+void remove(ClientData) { python_thread.stop(); }
+
+void registerCommands() {
+    Tcl_CreateCommand(tcl_interp, "::python::eval", tcl_api::eval, nullptr, nullptr);
+    Tcl_CreateCommand(tcl_interp, "::python::exec", tcl_api::exec, nullptr, nullptr);
+    Tcl_CreateCommand(tcl_interp, "::python::check", tcl_api::check, nullptr, nullptr);
+    Tcl_CreateCommand(tcl_interp, "::python::tabComplete", tcl_api::tabComplete, nullptr,
+                      nullptr);
+    Tcl_CreateCommand(tcl_interp, "::python::get", tcl_api::get, nullptr, nullptr);
+    Tcl_CreateObjCommand(tcl_interp, "::python::set", tcl_api::set, nullptr, nullptr);
+}
+
+} // namespace
+
+bool pythonRunning() {
+    return python_thread.ready.load() && python_thread.status == 0 && python_thread.alive.load();
+}
+
+PythonState::~PythonState() {
+    // The Python thread has ended holding the interpreter lock, and nothing
+    // else runs Python now, so the references are given back without it.
+    for (SmartPyObj* field : {&make_function, &tab_complete, &complete_expression, &shell,
+                              &tcl_error, &tcl, &main_dict}) {
+        Py_XDECREF(field->release());
+    }
+}
+
+void PythonThread::run() {
+    if (init() != 0) {
+        std::cerr << "error loading pytarn\n";
+        status = 1;
+        alive.store(false);
+    } else {
+        status = 0;
+    }
+    ready.store(true);
+    notifier.notifyAll();
+    if (!Py_IsInitialized()) return;
+
+    PyGILState_STATE gil = PyGILState_Ensure();
+    PyThreadState* state = PyEval_SaveThread();
+    for (;;) {
+        std::uint64_t seen = notifier.generation();
+        if (!event_mgr.python_queue.empty()) {
+            PyEval_RestoreThread(state);
+            event_mgr.python_queue.serviceAllEvents();
+            state = PyEval_SaveThread();
+            continue;
+        }
+        if (!alive.load()) break;
+        notifier.waitChange(seen, idle_wait_bound);
+    }
+    // Ends holding the lock: nothing may run Python after the bridge stops.
+    PyEval_RestoreThread(state);
+    PyGILState_Release(gil);
+}
+
+void PythonThread::stop() {
+    alive.store(false);
+    notifier.notifyAll();
+    if (thread.joinable() && thread.get_id() != std::this_thread::get_id()) thread.join();
+}
+
+PythonThread::~PythonThread() { stop(); }
+
+} // namespace pytarn
+
+using namespace pytarn;
+
+extern "C" int load(Tcl_Interp* interp) {
+    if (!Tcl_InitStubs(interp, "8.6", 0)) return 1;
+    if (load_called) return python_thread.ready.load() ? python_thread.status : 1;
+    load_called = true;
+
+    Tcl_CreateExitHandler(remove, nullptr);
+    tcl_interp = interp;
+    main_tcl_thread = Tcl_GetCurrentThread();
+    Tcl_CreateNamespace(interp, "::python", nullptr, nullptr);
+    try {
+        python_thread.thread = std::thread(&PythonThread::run, &python_thread);
+    } catch (const std::system_error&) {
+        std::cerr << "error loading pytarn\n";
+        python_thread.alive.store(false);
+        return 1;
+    }
+    for (;;) {
+        std::uint64_t seen = notifier->generation();
+        event_mgr->tcl_queue.serviceAllEvents();
+        if (python_thread.ready.load()) break;
+        notifier->waitChange(seen, load_wait_bound);
+    }
+    // Registered here, on the interpreter's own thread, once start-up is done.
+    if (python_thread.status == 0) registerCommands();
+    return python_thread.status;
+}

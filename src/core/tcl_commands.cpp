@@ -1,0 +1,75 @@
+// The ::python:: command procedures. Each builds its request on its own
+// stack, hands it to the Python side and waits (EventMgr::spin).
+#include "Bridge.h"
+
+#include "convert/TclConvert.h"
+
+#include <string>
+
+namespace pytarn::tcl_api {
+
+namespace {
+
+using event::PyEvent;
+
+const char* const invalid_parameters = "Invalid Parameters";
+
+int invalid(Tcl_Interp* interp) {
+    Tcl_SetResult(interp, const_cast<char*>(invalid_parameters), TCL_STATIC);
+    return TCL_ERROR;
+}
+
+// The words after the command name joined by single blanks.
+std::string joinWords(int argc, const char** argv) {
+    std::string code;
+    for (int i = 1; i < argc; ++i) {
+        if (i > 1) code += ' ';
+        code += argv[i];
+    }
+    return code;
+}
+
+int runText(PyObject* (*work)(const char*), const char* text) {
+    PyEvent request([work, text] { return work(text); });
+    return event_mgr->spin(&request);
+}
+
+} // namespace
+
+int eval(void*, Tcl_Interp*, int argc, const char** argv) {
+    if (argc <= 1) return TCL_OK;
+    std::string code = joinWords(argc, argv);
+    return runText(python::eval, code.c_str());
+}
+
+int exec(void*, Tcl_Interp*, int argc, const char** argv) {
+    std::string code = joinWords(argc, argv);
+    return runText(python::exec, code.c_str());
+}
+
+int check(void*, Tcl_Interp* interp, int argc, const char** argv) {
+    if (argc != 2) return invalid(interp);
+    return runText(python::check, argv[1]);
+}
+
+int tabComplete(void*, Tcl_Interp* interp, int argc, const char** argv) {
+    if (argc != 2) return invalid(interp);
+    return runText(python::tabComplete, argv[1]);
+}
+
+int get(void*, Tcl_Interp* interp, int argc, const char** argv) {
+    if (argc != 2) return invalid(interp);
+    return runText(python::get, argv[1]);
+}
+
+int set(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    if (objc != 3) return invalid(interp);
+    // The Python side reads a private copy: the original may be touched by
+    // Tcl code that runs for other Python threads while this one waits.
+    SmartTclObj value(tcl_convert::detachedCopy(objv[2]));
+    std::string target = Tcl_GetString(objv[1]);
+    PyEvent request([&target, &value] { return python::set(target.c_str(), &value); });
+    return event_mgr->spin(&request);
+}
+
+} // namespace pytarn::tcl_api

@@ -1,0 +1,176 @@
+// Request transport between the main Tcl thread and the Python threads.
+//
+// Threading model
+// - The main Tcl thread (the caller of `load`) owns the Tcl interpreter. It
+//   queues PyEvent requests and carries out TclEvent requests: inside its own
+//   waits (`load`, EventMgr::spin) and, when idle, from the one Tcl event that
+//   tcl_c_api::addEvent posts to its event loop.
+// - Python threads (the bridge's own thread and any thread Python code
+//   starts) queue TclEvent requests and carry out PyEvent requests while they
+//   hold the Python interpreter lock; they never hold it while they wait.
+// - A request record lives in its requester's stack frame. The servicing
+//   thread writes the outcome, then stores `done`, then notifies; after the
+//   store it never touches the record again. A queue holds bare pointers and
+//   owns nothing.
+// - Locks: each queue's mutex guards only its deque; the notifier's mutex
+//   guards only the wake-up generation. No two of them are held together and
+//   none is held while a request is carried out.
+// - Waits cannot miss a wake-up: a waiter reads the notifier's generation
+//   before it looks at its state, and sleeps only while the generation is
+//   unchanged. The timed bounds are a safety net, not a mechanism.
+#pragma once
+
+#include "../convert/SmartObj.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace pytarn::event {
+
+// A request carried out on a Python thread with the interpreter lock held.
+struct PyEvent {
+    explicit PyEvent(std::function<PyObject*()> work) : func(std::move(work)) {}
+    PyEvent(const PyEvent&) = delete;
+    PyEvent& operator=(const PyEvent&) = delete;
+
+    std::function<PyObject*()> func; // new reference, or null with an error set
+    int status = TCL_OK;
+    SmartTclObj result;              // destroyed before func
+    // Set when the request raised SystemExit and the host must exit; the
+    // Tcl thread then exits through Tcl so that exit handlers and channel
+    // flushing run there.
+    bool exit_requested = false;
+    int exit_code = 0;
+    std::atomic<bool> done{false};
+};
+
+// A request carried out on the main Tcl thread. Its shape says what it asks:
+// `script` evaluates, `output` writes, `variable` reads (or, with `value`,
+// writes) a global variable; none of them is a no-op.
+struct TclEvent {
+    TclEvent() = default;
+    TclEvent(const TclEvent&) = delete;
+    TclEvent& operator=(const TclEvent&) = delete;
+
+    const char* output = nullptr;   // not owned; lives as long as the call
+    const char* script = nullptr;   // not owned
+    bool to_stderr = false;
+    const char* variable = nullptr; // not owned
+    SmartTclObj value;              // value to assign, unshared
+    std::string error;              // non-empty exactly when the request failed
+    SmartTclObj result;             // a detached copy of the Tcl result
+    bool too_deep = false;          // the result was nested too deeply to copy
+    std::atomic<bool> done{false};
+};
+
+// The one wake-up channel shared by every waiter of both directions.
+class Notifier {
+public:
+    // Read before looking at the state you are about to wait for.
+    std::uint64_t generation() const { return generation_.load(); }
+    // Wakes every waiter; call after the state change is published.
+    void notifyAll();
+    // Sleeps until a notification newer than `seen`, or until `bound` passes.
+    void waitChange(std::uint64_t seen, std::chrono::microseconds bound);
+
+    std::condition_variable cond;
+    std::mutex mutex;
+
+private:
+    std::atomic<std::uint64_t> generation_{0}; // written under `mutex`
+};
+
+template <typename T>
+class _LockedQueueT {
+public:
+    T* pop() {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (queue.empty()) return nullptr;
+        T* front = queue.front();
+        queue.pop_front();
+        return front;
+    }
+    bool empty() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return queue.empty();
+    }
+    // Takes `ev` out if it is still queued; true when it was.
+    bool remove(T* ev) {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (auto it = queue.begin(); it != queue.end(); ++it) {
+            if (*it == ev) {
+                queue.erase(it);
+                return true;
+            }
+        }
+        return false;
+    }
+
+protected:
+    void append(T* ev) {
+        std::lock_guard<std::mutex> lock(mutex);
+        queue.push_back(ev);
+    }
+
+    std::deque<T*> queue;
+    std::mutex mutex;
+};
+
+// Requests for Python; serviced by Python threads holding the interpreter lock.
+class PythonEventQueue : public _LockedQueueT<PyEvent> {
+public:
+    // Tcl thread: queue and wake the Python side.
+    void push(PyEvent* ev);
+    // Carries out one request completely: work, outcome, done, notify.
+    static void serviceEvent(PyEvent* ev);
+    // Lock not held on entry; *state is the caller's saved thread state.
+    // Returns whether a request was carried out.
+    bool serviceOneEvent(PyThreadState** state);
+    // Lock held for the whole call.
+    void serviceAllEvents();
+    // Lock held on entry and on return; released while waiting. Returns
+    // when `ev` is done or the bridge is shutting down.
+    void waitFor(TclEvent* ev);
+};
+
+// Requests for Tcl; serviced only on the main Tcl thread.
+class TclEventQueue : public _LockedQueueT<TclEvent> {
+public:
+    // Python thread: queue, make sure the Tcl event loop will drain, wake.
+    void push(TclEvent* ev);
+    static void serviceEvent(TclEvent* ev);
+    bool serviceOneEvent();
+    void serviceAllEvents();
+    // Returns once `ev` is done, carrying out Tcl requests meanwhile.
+    void waitFor(PyEvent* ev);
+};
+
+class EventMgr {
+public:
+    // Tcl thread: the whole call into Python; returns the Tcl code and sets
+    // the interpreter result.
+    int spin(PyEvent* ev);
+    static int postProcess(PyEvent* ev);
+    // Python thread, lock held: the whole call into Tcl; a new reference, or
+    // null with an exception set.
+    PyObject* spin(TclEvent* ev);
+    static PyObject* postProcess(TclEvent* ev);
+
+    PythonEventQueue python_queue;
+    TclEventQueue tcl_queue;
+};
+
+namespace tcl_c_api {
+// Makes sure one Tcl event is pending on the main Tcl thread to drain
+// tcl_queue; at most one is pending at any time.
+void addEvent();
+int tclEventQueueProc(Tcl_Event* ev, int flags);
+} // namespace tcl_c_api
+
+} // namespace pytarn::event

@@ -1,0 +1,77 @@
+// The Python threads' half of the transport: carrying out requests from Tcl
+// and waiting for their own requests to Tcl. See Event.h for the model.
+#include "core/Bridge.h"
+#include "convert/TclConvert.h"
+
+namespace pytarn::event {
+
+namespace {
+constexpr std::chrono::seconds wait_bound{1};
+} // namespace
+
+void PythonEventQueue::push(PyEvent* ev) {
+    append(ev);
+    notifier->notifyAll();
+}
+
+bool PythonEventQueue::serviceOneEvent(PyThreadState** state) {
+    PyEvent* ev = pop();
+    if (!ev) return false;
+    PyEval_RestoreThread(*state);
+    serviceEvent(ev);
+    *state = PyEval_SaveThread();
+    return true;
+}
+
+void PythonEventQueue::serviceAllEvents() {
+    while (PyEvent* ev = pop()) serviceEvent(ev);
+}
+
+void PythonEventQueue::waitFor(TclEvent* ev) {
+    PyThreadState* state = PyEval_SaveThread();
+    for (;;) {
+        std::uint64_t seen = notifier->generation();
+        if (!python_alive->load()) {
+            // Abandoned: the Tcl thread will not service it any more, and
+            // must never find it once this frame is gone.
+            event_mgr->tcl_queue.remove(ev);
+            break;
+        }
+        if (ev->done.load()) break;
+        if (serviceOneEvent(&state)) continue;
+        notifier->waitChange(seen, wait_bound);
+    }
+    PyEval_RestoreThread(state);
+}
+
+PyObject* EventMgr::spin(TclEvent* ev) {
+    if (!python_alive->load()) Py_RETURN_NONE; // shutting down: Tcl takes no more
+    tcl_queue.push(ev);
+    python_queue.waitFor(ev);
+    if (!ev->done.load()) Py_RETURN_NONE;
+    return postProcess(ev);
+}
+
+PyObject* EventMgr::postProcess(TclEvent* ev) {
+    if (!ev->error.empty()) {
+        PyObject* type = python_state.tcl_error ? python_state.tcl_error.get()
+                                                : PyExc_RuntimeError;
+        // Tcl text may hold bytes Python's UTF-8 rejects (0xC0 0x80 for NUL).
+        SmartPyObj message(PyUnicode_DecodeUTF8(ev->error.data(),
+                                                static_cast<Py_ssize_t>(ev->error.size()),
+                                                "replace"));
+        if (message) PyErr_SetObject(type, message.get());
+        return nullptr;
+    }
+    if (ev->too_deep) {
+        PyErr_SetString(PyExc_RecursionError, "value nested too deeply to convert");
+        return nullptr;
+    }
+    if (!ev->result) Py_RETURN_NONE;
+    SmartPyObj value = tcl_convert::fromTcl(ev->result.get());
+    if (!value && !PyErr_Occurred())
+        PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
+    return value.release();
+}
+
+} // namespace pytarn::event

@@ -1,0 +1,94 @@
+// Carrying out one request from Tcl on a Python thread, and turning a Python
+// exception into the Tcl error result.
+#include "core/Bridge.h"
+#include "convert/PyErrors.h"
+#include "convert/TclConvert.h"
+
+namespace pytarn::event {
+
+namespace {
+
+// The helper module's capture finalizer for the failure now being reported,
+// or empty when the module offers no usable capture hook.
+SmartPyObj captureFinalizer() {
+    PyObject* shell = python_state.shell.get();
+    SmartPyObj hook;
+    if (shell && PyObject_HasAttrString(shell, "__setupExceptionCapture"))
+        hook = PyObject_GetAttrString(shell, "__setupExceptionCapture");
+    if (!hook) {
+        PyErr_Clear();
+        return hook;
+    }
+    if (PyCallable_Check(hook.get())) {
+        hook = PyObject_CallNoArgs(hook.get());
+        PyErr_Clear(); // a failing hook falls back to the formatted form
+    }
+    if (hook && PyObject_HasAttrString(hook.get(), "finalize"))
+        hook = PyObject_GetAttrString(hook.get(), "finalize");
+    PyErr_Clear();
+    if (hook && !PyCallable_Check(hook.get())) hook.reset();
+    return hook;
+}
+
+// "TypeName: value text", without a traceback.
+std::string formattedMessage(PyObject* type, PyObject* value) {
+    SmartPyObj nameText;
+    if (type) {
+        SmartPyObj name(PyObject_GetAttrString(type, "__name__"));
+        if (name) nameText = PyObject_Str(name.get());
+    }
+    std::string valueText = SmartPyObj::borrow(value).stdstr();
+    PyErr_Clear();
+    std::string typeText = nameText.stdstr();
+    PyErr_Clear();
+    return typeText + ": " + valueText;
+}
+
+// Fills the request's failure outcome from the pending Python error and
+// leaves no error set.
+void reportFailure(PyEvent* ev) {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    std::string message;
+    SmartPyObj finalizer = captureFinalizer();
+    if (finalizer && PyErr_GivenExceptionMatches(type, PyExc_SystemExit)) {
+        // The host exits on its own thread, through Tcl, so that its exit
+        // handlers run and its channels are flushed; the capture is undone.
+        SmartPyObj discarded(PyObject_CallNoArgs(finalizer.get()));
+        PyErr_Clear();
+        PyErr_NormalizeException(&type, &value, &traceback);
+        SmartPyObj ownedType(type), ownedValue(value), ownedTraceback(traceback);
+        ev->exit_requested = true;
+        ev->exit_code = systemExitCode(value);
+    } else if (finalizer) {
+        PyErr_Restore(type, value, traceback);
+        PyErr_Print();
+        SmartPyObj captured(PyObject_CallNoArgs(finalizer.get()));
+        message = captured.stdstr();
+    } else {
+        SmartPyObj ownedType(type), ownedValue(value), ownedTraceback(traceback);
+        message = formattedMessage(type, value);
+    }
+    PyErr_Clear();
+    ev->status = TCL_ERROR;
+    ev->result = tcl_convert::toTcl(message.c_str());
+}
+
+} // namespace
+
+void PythonEventQueue::serviceEvent(PyEvent* ev) {
+    SmartPyObj returned(ev->func());
+    ev->status = TCL_OK;
+    if (!PyErr_Occurred() && returned && returned.get() != Py_None)
+        ev->result = tcl_convert::toTcl(returned);
+    // A conversion that failed (too deep, a raising __str__) fails the
+    // request rather than leaving its error for the next one.
+    if (PyErr_Occurred()) reportFailure(ev);
+    ev->done.store(true);
+    notifier->notifyAll();
+    // `returned` is released only now: its release may run Python code.
+}
+
+} // namespace pytarn::event

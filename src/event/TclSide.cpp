@@ -1,0 +1,148 @@
+// The Tcl thread's half of the transport: carrying out requests from Python
+// and waiting for its own requests to Python. See Event.h for the model.
+#include "core/Bridge.h"
+#include "convert/TclConvert.h"
+
+namespace pytarn::event {
+
+namespace {
+
+constexpr std::chrono::seconds wait_bound{1};
+
+// Compiled once, kept for the life of the process (never released: Tcl may
+// be finalised before static destruction). The text to print reaches puts
+// only as a variable's value, never as script.
+Tcl_Obj* keptScript(const char* text) {
+    Tcl_Obj* script = Tcl_NewStringObj(text, -1);
+    Tcl_IncrRefCount(script);
+    return script;
+}
+
+Tcl_Obj* outputScript(bool to_stderr) {
+    static Tcl_Obj* const out = keptScript("puts -nonewline $::python::__buff");
+    static Tcl_Obj* const err = keptScript("puts -nonewline stderr $::python::__buff");
+    return to_stderr ? err : out;
+}
+
+void complete(TclEvent* ev) {
+    ev->done.store(true);
+    notifier->notifyAll(); // `ev` may be gone from here on
+}
+
+// Hands the requester a copy that Tcl will never touch again.
+void storeResult(TclEvent* ev, Tcl_Obj* value) {
+    ev->result = tcl_convert::detachedCopy(value);
+    ev->too_deep = !ev->result;
+}
+
+} // namespace
+
+void TclEventQueue::push(TclEvent* ev) {
+    append(ev);
+    tcl_c_api::addEvent();
+    notifier->notifyAll();
+}
+
+void TclEventQueue::serviceEvent(TclEvent* ev) {
+    // Once shutdown has begun a requester may have abandoned its record, and
+    // a script run here may itself begin shutdown: test before every touch.
+    if (!python_alive->load()) return;
+    if (ev->script) {
+        int code = Tcl_EvalEx(tcl_interp, ev->script, -1, TCL_EVAL_GLOBAL);
+        if (!python_alive->load()) return;
+        Tcl_Obj* result = Tcl_GetObjResult(tcl_interp);
+        if (code != TCL_OK) ev->error = Tcl_GetString(result);
+        if (ev->error.empty()) storeResult(ev, result);
+    } else if (ev->output) {
+        Tcl_SetVar(tcl_interp, "::python::__buff", ev->output, TCL_GLOBAL_ONLY);
+        Tcl_EvalObjEx(tcl_interp, outputScript(ev->to_stderr), 0);
+        if (!python_alive->load()) return;
+    } else if (ev->variable && ev->value) {
+        Tcl_SetVar2Ex(tcl_interp, ev->variable, nullptr, ev->value.get(), TCL_GLOBAL_ONLY);
+        ev->value = nullptr; // the variable's reference is Tcl's alone
+    } else if (ev->variable) {
+        Tcl_Obj* value = Tcl_GetVar2Ex(tcl_interp, ev->variable, nullptr,
+                                       TCL_GLOBAL_ONLY | TCL_LEAVE_ERR_MSG);
+        if (value) {
+            storeResult(ev, value);
+        } else {
+            ev->error = Tcl_GetStringResult(tcl_interp);
+        }
+    }
+    complete(ev);
+}
+
+bool TclEventQueue::serviceOneEvent() {
+    TclEvent* ev = pop();
+    if (!ev) return false;
+    serviceEvent(ev);
+    return true;
+}
+
+void TclEventQueue::serviceAllEvents() {
+    while (TclEvent* ev = pop()) serviceEvent(ev);
+}
+
+void TclEventQueue::waitFor(PyEvent* ev) {
+    for (;;) {
+        std::uint64_t seen = notifier->generation();
+        if (ev->done.load()) return;
+        if (serviceOneEvent()) continue;
+        notifier->waitChange(seen, wait_bound);
+    }
+}
+
+int EventMgr::spin(PyEvent* ev) {
+    if (!pythonRunning()) {
+        Tcl_SetResult(tcl_interp, const_cast<char*>("Python interpreter is not running"),
+                      TCL_STATIC);
+        return TCL_ERROR;
+    }
+    python_queue.push(ev);
+    tcl_queue.waitFor(ev);
+    return postProcess(ev);
+}
+
+int EventMgr::postProcess(PyEvent* ev) {
+    if (ev->exit_requested) Tcl_Exit(ev->exit_code);
+    if (ev->result) {
+        Tcl_SetObjResult(tcl_interp, ev->result.get());
+    } else {
+        Tcl_ResetResult(tcl_interp);
+    }
+    return ev->status;
+}
+
+namespace tcl_c_api {
+
+namespace {
+std::mutex event_queue_mutex;
+bool event_exists = false; // guarded by event_queue_mutex
+} // namespace
+
+void addEvent() {
+    std::lock_guard<std::mutex> lock(event_queue_mutex);
+    if (event_exists) return;
+    event_exists = true;
+    auto* event = reinterpret_cast<Tcl_Event*>(Tcl_Alloc(sizeof(Tcl_Event)));
+    event->proc = tclEventQueueProc;
+    event->nextPtr = nullptr;
+    Tcl_ThreadQueueEvent(main_tcl_thread, event, TCL_QUEUE_TAIL);
+    Tcl_ThreadAlert(main_tcl_thread);
+}
+
+int tclEventQueueProc(Tcl_Event*, int) {
+    // Cleared before the drain: a request pushed during it posts a new event
+    // (at worst one that finds the queue empty) instead of waiting on a lock
+    // that the drain would hold while it runs scripts that call Python.
+    {
+        std::lock_guard<std::mutex> lock(event_queue_mutex);
+        event_exists = false;
+    }
+    event_mgr->tcl_queue.serviceAllEvents();
+    return 1;
+}
+
+} // namespace tcl_c_api
+
+} // namespace pytarn::event
