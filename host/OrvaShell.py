@@ -1,0 +1,75 @@
+"""Editing aids and error capture that the pytarn library calls on behalf of its host."""
+
+import builtins
+import codeop
+import io
+import keyword
+import re
+import sys
+
+# The word to complete is the trailing run of identifier characters and dots,
+# so "print(os.pa" completes "os.pa" and "x = " completes the empty word.
+_LAST_WORD = re.compile(r"[\w.]*\Z")
+
+
+def completeExpression(text):
+    """1 when an interactive console would run `text` as it is, 0 when it needs more lines.
+
+    Invalid text raises what the compiler raises (SyntaxError, OverflowError, ValueError)."""
+    return 0 if codeop.compile_command(text, "<input>", "single") is None else 1
+
+
+def tabComplete(text):
+    """Sorted completions of the last word of `text`, each given as the whole word.
+
+    A plain word completes over the names of __main__, the builtins and the keywords; a
+    dotted word completes over the attributes of the object its prefix names, found by
+    name and attribute lookup alone: nothing is called or evaluated. Names starting with
+    "_" are offered only when the typed part starts with "_". Returns [] when nothing
+    matches or the prefix cannot be looked up."""
+    word = _LAST_WORD.search(text).group()
+    prefix, dot, stem = word.rpartition(".")
+    try:
+        if dot:
+            names = dir(_lookup(prefix))
+        else:
+            names = [*vars(sys.modules["__main__"]), *vars(builtins), *keyword.kwlist]
+    except Exception:
+        return []
+    private = stem.startswith("_")
+    return sorted({prefix + dot + name for name in names
+                   if name.startswith(stem) and (private or not name.startswith("_"))})
+
+
+def _lookup(dotted):
+    head, *attributes = dotted.split(".")
+    namespace = vars(sys.modules["__main__"])
+    obj = namespace[head] if head in namespace else getattr(builtins, head)
+    for attribute in attributes:
+        obj = getattr(obj, attribute)
+    return obj
+
+
+def makeFunction(first, second):
+    """Creates a function on the host's request (createFunction); for now it does nothing."""
+    return None
+
+
+class _ErrorCapture(io.StringIO):
+    """Stands in for sys.stderr until finalize(), which puts back the stream it replaced.
+
+    Requests reach Python strictly nested, so captures are finalized in reverse order of
+    creation and each one restores exactly the stream that was current when it began."""
+
+    def __init__(self):
+        super().__init__()
+        self._replaced = sys.stderr
+        sys.stderr = self
+
+    def finalize(self):
+        sys.stderr = self._replaced
+        return self.getvalue()
+
+
+def __setupExceptionCapture():
+    return _ErrorCapture()

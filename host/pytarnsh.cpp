@@ -1,0 +1,71 @@
+// pytarnsh: tclsh with the pytarn bridge loaded before the script or the prompt runs.
+// The outcome of `load` (0 loaded, 1 failed) is left in ::pytarn::status.
+#include <tcl.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "pytarn.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool holdsShell(const fs::path& dir) {
+    std::error_code ec;
+    return fs::is_regular_file(dir / "OrvaShell.py", ec);
+}
+
+// The installation root holds python/ and OrvaShell.py. In order: $PYTARN_HOME when set
+// and not empty; the executable's directory (a build tree); <exe dir>/../lib/pytarn (an
+// installed prefix); the build directory that this executable was compiled in.
+fs::path installationRoot() {
+    if (const char* home = std::getenv("PYTARN_HOME"); home && *home)
+        return home;
+    std::error_code ec;
+    fs::path exeDir = fs::read_symlink("/proc/self/exe", ec).parent_path();
+    if (!ec) {
+        if (holdsShell(exeDir))
+            return exeDir;
+        if (fs::path lib = (exeDir / "../lib/pytarn").lexically_normal(); holdsShell(lib))
+            return lib;
+    }
+    return PYTARN_DEFAULT_ROOT;
+}
+
+// The library finds Python relative to the working directory, so it starts inside the root;
+// the script then runs where the user started it.
+int loadInRoot(Tcl_Interp* interp) {
+    Tcl_Obj* callerDir = Tcl_FSGetCwd(interp);
+    Tcl_Obj* root = Tcl_NewStringObj(installationRoot().c_str(), -1);
+    Tcl_IncrRefCount(root);
+    if (Tcl_FSChdir(root) != 0)
+        std::fprintf(stderr, "pytarnsh: cannot enter installation root \"%s\": %s\n",
+                     Tcl_GetString(root), std::strerror(errno));
+    Tcl_DecrRefCount(root);
+    const int status = load(interp);
+    if (callerDir) {
+        Tcl_FSChdir(callerDir);
+        Tcl_DecrRefCount(callerDir);
+    }
+    return status;
+}
+
+int appInit(Tcl_Interp* interp) {
+    if (Tcl_Init(interp) != TCL_OK)
+        return TCL_ERROR;
+    Tcl_CreateNamespace(interp, "::pytarn", nullptr, nullptr);
+    Tcl_SetVar2Ex(interp, "::pytarn::status", nullptr, Tcl_NewIntObj(loadInRoot(interp)),
+                  TCL_GLOBAL_ONLY);
+    return TCL_OK;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Tcl_Main(argc, argv, appInit);
+    return 0;
+}
