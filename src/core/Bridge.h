@@ -34,7 +34,6 @@ public:
     PythonThread() = default;
     PythonThread(const PythonThread&) = delete;
     PythonThread& operator=(const PythonThread&) = delete;
-    ~PythonThread();
 
     // The body of the Python thread: init, then service requests until
     // `alive` is cleared.
@@ -51,7 +50,7 @@ public:
 };
 
 extern PythonState python_state;
-extern PythonThread python_thread;
+extern PythonThread& python_thread;
 extern event::Notifier* const notifier;
 extern event::EventMgr* const event_mgr;
 extern std::atomic<bool>* const python_alive;

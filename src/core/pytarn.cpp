@@ -8,10 +8,20 @@
 
 namespace pytarn {
 
-// Construction order matters: python_thread is destroyed first, stopping the
-// thread, and python_state releases its references after it.
+// python_state is constructed first so that it is released last, after the
+// Python thread has been stopped. The thread object itself is never destroyed:
+// daemon threads started by Python code may still sit in its queues and waits
+// while the process exits, so only the stop runs at static destruction.
 PythonState python_state;
-PythonThread python_thread;
+PythonThread& python_thread = *new PythonThread;
+namespace {
+struct StopAtExit {
+    StopAtExit() = default;
+    StopAtExit(const StopAtExit&) = delete;
+    StopAtExit& operator=(const StopAtExit&) = delete;
+    ~StopAtExit() { python_thread.stop(); }
+} stop_at_exit;
+} // namespace
 event::Notifier* const notifier = &python_thread.notifier;
 event::EventMgr* const event_mgr = &python_thread.event_mgr;
 std::atomic<bool>* const python_alive = &python_thread.alive;
@@ -87,8 +97,6 @@ void PythonThread::stop() {
     notifier.notifyAll();
     if (thread.joinable() && thread.get_id() != std::this_thread::get_id()) thread.join();
 }
-
-PythonThread::~PythonThread() { stop(); }
 
 } // namespace pytarn
 
