@@ -54,12 +54,23 @@ int loadInRoot(Tcl_Interp* interp) {
     return status;
 }
 
+// At the interactive prompt Tcl waits in its event loop instead of a blocking read, so
+// output and requests from Python threads are carried out while the user types.
+void eventLoop() {
+    for (;;)
+        Tcl_DoOneEvent(0);
+}
+
 int appInit(Tcl_Interp* interp) {
     if (Tcl_Init(interp) != TCL_OK)
         return TCL_ERROR;
     Tcl_CreateNamespace(interp, "::pytarn", nullptr, nullptr);
     Tcl_SetVar2Ex(interp, "::pytarn::status", nullptr, Tcl_NewIntObj(loadInRoot(interp)),
                   TCL_GLOBAL_ONLY);
+    int interactive = 0;
+    Tcl_Obj* flag = Tcl_GetVar2Ex(interp, "tcl_interactive", nullptr, TCL_GLOBAL_ONLY);
+    if (flag && Tcl_GetBooleanFromObj(nullptr, flag, &interactive) == TCL_OK && interactive)
+        Tcl_SetMainLoop(eventLoop);
     return TCL_OK;
 }
 
