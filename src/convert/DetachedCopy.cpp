@@ -14,8 +14,11 @@ const Tcl_ObjType* dictType() {
     return type;
 }
 
+// LEVEL counts the lists and dicts around VALUE, as the converters do; a
+// leaf string is not a level of its own.
 Tcl_Obj* copyAt(Tcl_Obj* value, int level) {
-    if (level > max_depth) return nullptr;
+    bool container = value->typePtr == listType() || value->typePtr == dictType();
+    if (container && level > max_depth) return nullptr;
     if (value->typePtr == listType()) {
         int count = 0;
         Tcl_Obj** elements = nullptr;

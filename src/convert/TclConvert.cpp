@@ -113,11 +113,13 @@ Tcl_Obj* toTclList(SmartPyObj value) {
         if (!PySequence_Check(value.get())) break;
         SmartPyObj item(PySequence_GetItem(value.get(), i));
         if (!item) {
-            if (recursionPending()) break;
-            continue;
+            if (PyErr_ExceptionMatches(PyExc_IndexError)) PyErr_Clear();
+            break;
         }
         Tcl_ListObjAppendElement(nullptr, list, toTcl(std::move(item)));
-        if (recursionPending()) break;
+        // The first failed item fails the whole value: converting on would
+        // run more Python code with an error pending.
+        if (PyErr_Occurred()) break;
     }
     return list;
 }
@@ -132,16 +134,16 @@ Tcl_Obj* toTclDict(SmartPyObj value) {
     for (Py_ssize_t i = 0; i < n; ++i) {
         if (!PySequence_Check(items.get())) break;
         SmartPyObj pair(PySequence_GetItem(items.get(), i));
-        if (!pair || !PySequence_Check(pair.get())) continue;
+        if (!pair || !PySequence_Check(pair.get())) break;
         SmartPyObj key(PySequence_GetItem(pair.get(), 0));
         SmartPyObj val(PySequence_GetItem(pair.get(), 1));
-        if (!key || !val) continue;
+        if (!key || !val) break;
         // Both are converted before either is stored, so a failed key
         // conversion cannot leave the value's object unowned.
         SmartTclObj tclValue(toTcl(std::move(val)));
         SmartTclObj tclKey(toTcl(std::move(key)));
         Tcl_DictObjPut(nullptr, dict, tclKey.get(), tclValue.get());
-        if (recursionPending()) break;
+        if (PyErr_Occurred()) break;
     }
     return dict;
 }

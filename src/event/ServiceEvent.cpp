@@ -68,6 +68,10 @@ void reportFailure(PyEvent* ev) {
         SmartPyObj captured(PyObject_CallNoArgs(finalizer.get()));
         message = captured.stdstr();
     } else {
+        // Errors raised by the interpreter itself arrive unnormalised (the
+        // value is still the constructor's arguments); their text is the
+        // exception's own str().
+        PyErr_NormalizeException(&type, &value, &traceback);
         SmartPyObj ownedType(type), ownedValue(value), ownedTraceback(traceback);
         message = formattedMessage(type, value);
     }

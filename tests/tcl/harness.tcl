@@ -1,0 +1,71 @@
+# Shared set-up of the pytarn Tcl suites; every .test file sources it first and
+# ends with `finish`. Run a suite as: pytarnsh tests/tcl/NAME.test
+package require tcltest 2
+namespace import ::tcltest::*
+
+# Variant installation roots, made by the build beside the host.
+set rootsDir [expr {[info exists env(PYTARN_TEST_ROOTS)] ? $env(PYTARN_TEST_ROOTS)
+                    : [file join [file dirname [info nameofexecutable]] tests tcl roots]}]
+
+# Runs the calling suite again in a pytarnsh whose helper module comes from the
+# variant root NAME, unless this process already is one, and exits as it did.
+proc useRoot {name} {
+    set root [file join $::rootsDir $name]
+    if {[info exists ::env(PYTARN_HOME)] && $::env(PYTARN_HOME) eq $root} return
+    set ::env(PYTARN_HOME) $root
+    exit [catch {exec [info nameofexecutable] $::argv0 {*}$::argv >@ stdout 2>@ stderr}]
+}
+
+if {$::pytarn::status != 0} {
+    puts stderr "[file tail $argv0]: the bridge did not load"
+    exit 1
+}
+
+proc readFile {path} {
+    set chan [open $path]
+    set text [read $chan]
+    close $chan
+    return $text
+}
+
+# Runs SCRIPT in a new pytarnsh with the variant root ROOT ("" for the main one).
+# Returns a dict: code (exit status), stdout, stderr, ms (wall time).
+proc child {root script} {
+    set chan [file tempfile scriptFile]
+    puts -nonewline $chan $script
+    close $chan
+    close [file tempfile outFile]
+    close [file tempfile errFile]
+    set saved [array get ::env PYTARN_HOME]
+    set ::env(PYTARN_HOME) [expr {$root eq "" ? "" : [file join $::rootsDir $root]}]
+    set start [clock milliseconds]
+    set code 0
+    if {[catch {exec [info nameofexecutable] $scriptFile >$outFile 2>$errFile} msg opts]} {
+        lassign [dict get $opts -errorcode] kind pid status
+        set code [expr {$kind eq "CHILDSTATUS" ? $status : $msg}]
+    }
+    set result [dict create code $code ms [expr {[clock milliseconds] - $start}] \
+                    stdout [readFile $outFile] stderr [readFile $errFile]]
+    file delete $scriptFile $outFile $errFile
+    unset ::env(PYTARN_HOME)
+    array set ::env $saved
+    return $result
+}
+
+# Waits in the event loop until VAR is set and returns its value, or
+# "timed out" after a bound that only a hang can reach.
+proc waitFor {var {ms 10000}} {
+    if {![info exists $var]} {
+        set guard [after $ms [list set $var "timed out"]]
+        vwait $var
+        after cancel $guard
+    }
+    return [set $var]
+}
+
+# Reports and ends the suite; the exit status says whether any test failed.
+proc finish {} {
+    set failed $::tcltest::numTests(Failed)
+    cleanupTests
+    if {$failed > 0} {exit 1}
+}

@@ -1,0 +1,142 @@
+#include "TestEnv.h"
+
+#include "core/Bridge.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+using namespace pytarn::event;
+using pytarn_test::pendingError;
+using pytarn_test::py;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// Long enough that reaching it can only mean a lost wake-up.
+constexpr std::chrono::seconds long_bound{30};
+
+template <typename T>
+struct TestQueue : _LockedQueueT<T> {
+    using _LockedQueueT<T>::append;
+};
+
+} // namespace
+
+TEST(LockedQueue, PopsInArrivalOrder) {
+    TestQueue<int> queue;
+    int a = 0, b = 0, c = 0;
+    EXPECT_TRUE(queue.empty());
+    EXPECT_EQ(queue.pop(), nullptr);
+    for (int* item : {&a, &b, &c}) queue.append(item);
+    EXPECT_FALSE(queue.empty());
+    EXPECT_EQ(queue.pop(), &a);
+    EXPECT_EQ(queue.pop(), &b);
+    EXPECT_EQ(queue.pop(), &c);
+    EXPECT_EQ(queue.pop(), nullptr);
+    EXPECT_TRUE(queue.empty());
+}
+
+TEST(LockedQueue, RemoveTakesOutOnlyAQueuedEntry) {
+    TestQueue<int> queue;
+    int a = 0, b = 0, c = 0;
+    EXPECT_FALSE(queue.remove(&a));
+    for (int* item : {&a, &b, &c}) queue.append(item);
+    EXPECT_TRUE(queue.remove(&b));
+    EXPECT_FALSE(queue.remove(&b));
+    EXPECT_EQ(queue.pop(), &a);
+    EXPECT_EQ(queue.pop(), &c);
+    EXPECT_FALSE(queue.remove(&a));
+}
+
+TEST(LockedQueue, ConcurrentProducersLoseNothingAndKeepTheirOrder) {
+    constexpr int producers = 4, each = 2000;
+    TestQueue<const int> queue;
+    std::vector<int> items(producers * each);
+    for (size_t i = 0; i < items.size(); ++i) items[i] = static_cast<int>(i);
+    std::vector<std::thread> threads;
+    for (int p = 0; p < producers; ++p)
+        threads.emplace_back([&, p] {
+            for (int i = 0; i < each; ++i) queue.append(&items[p * each + i]);
+        });
+    std::vector<int> last(producers, -1);
+    size_t popped = 0;
+    const auto deadline = Clock::now() + long_bound;
+    while (popped < items.size() && Clock::now() < deadline) {
+        const int* item = queue.pop();
+        if (!item) continue;
+        ++popped;
+        EXPECT_GT(*item, last[*item / each]);
+        last[*item / each] = *item;
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(popped, items.size());
+    EXPECT_TRUE(queue.empty());
+}
+
+TEST(PythonEventQueue, PushWakesWaiters) {
+    PythonEventQueue queue;
+    PyEvent ev(nullptr);
+    const auto seen = pytarn::notifier->generation();
+    queue.push(&ev);
+    EXPECT_NE(pytarn::notifier->generation(), seen);
+    EXPECT_EQ(queue.pop(), &ev);
+}
+
+TEST(Notifier, NotificationBeforeTheWaitEndsItAtOnce) {
+    Notifier notifier;
+    const auto seen = notifier.generation();
+    notifier.notifyAll();
+    const auto start = Clock::now();
+    notifier.waitChange(seen, long_bound);
+    EXPECT_LT(Clock::now() - start, long_bound / 2);
+}
+
+TEST(Notifier, NotificationAfterTheWaitStartsEndsItForEveryWaiter) {
+    Notifier notifier;
+    const auto seen = notifier.generation();
+    std::atomic<int> waiting{0}, woken{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 4; ++i)
+        waiters.emplace_back([&] {
+            ++waiting;
+            notifier.waitChange(seen, long_bound);
+            ++woken;
+        });
+    while (waiting.load() < 4) std::this_thread::yield();
+    EXPECT_EQ(woken.load(), 0);
+    const auto start = Clock::now();
+    notifier.notifyAll();
+    for (auto& waiter : waiters) waiter.join();
+    EXPECT_LT(Clock::now() - start, long_bound / 2);
+}
+
+TEST(Notifier, UnchangedGenerationWaitsOutItsBound) {
+    Notifier notifier;
+    const auto seen = notifier.generation();
+    constexpr std::chrono::milliseconds bound{50};
+    const auto start = Clock::now();
+    notifier.waitChange(seen, bound);
+    EXPECT_GE(Clock::now() - start, bound);
+    EXPECT_EQ(notifier.generation(), seen);
+}
+
+TEST(PyEventService, FailuresBecomeTclErrorsAndLeaveNoPythonError) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"int('x')", "ValueError: invalid literal for int() with base 10: 'x'"},
+        {"type('B', (), {'__str__': lambda self: 1/0})()", "ZeroDivisionError: division by zero"},
+        {"(lambda l: l.append(l) or l)([])", "RecursionError: value nested too deeply to convert"},
+    };
+    for (auto [expression, message] : cases) {
+        PyEvent ev([expression = expression] { return py(expression).release(); });
+        const auto seen = pytarn::notifier->generation();
+        PythonEventQueue::serviceEvent(&ev);
+        EXPECT_TRUE(ev.done.load());
+        EXPECT_NE(pytarn::notifier->generation(), seen);
+        EXPECT_EQ(ev.status, TCL_ERROR) << expression;
+        ASSERT_TRUE(ev.result) << expression;
+        EXPECT_STREQ(Tcl_GetString(ev.result.get()), message);
+        EXPECT_EQ(pendingError(), "") << expression;
+    }
+}
