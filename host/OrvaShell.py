@@ -50,9 +50,50 @@ def _lookup(dotted):
     return obj
 
 
+# Commands made by makeFunction, by number: (command name, expression text). The
+# number is all that the generated Tcl procedure carries, so no name or expression
+# ever needs quoting for Tcl.
+_functions = []
+_function_numbers = {}
+# The words of calls in progress, by a call number that Tcl counts: ::python::set
+# hands them over with their Tcl form intact, and _invoke takes them out.
+_pending = {}
+
+_PROC_BODY = """set call [incr ::pytarn::__functionCalls]
+::python::set "__import__('OrvaShell')._pending\\[$call\\]" $args
+::python::eval "__import__('OrvaShell')._invoke(%d, $call)"
+"""
+
+
 def makeFunction(first, second):
-    """Creates a function on the host's request (createFunction); for now it does nothing."""
-    return None
+    """Creates, or replaces, the Tcl command `first` (a namespaced name is allowed).
+
+    The command calls the Python callable that the expression `second` evaluates to in
+    __main__ at call time (the global of __main__ named `first` when `second` is empty)
+    with the command's words, converted to Python, and returns the callable's result."""
+    if not isinstance(first, str) or not first:
+        raise ValueError("makeFunction needs a command name")
+    # Compiled now, so that a syntax error shows when the command is made, not at
+    # each call; blanks around it (a braced multi-line Tcl word) do not count.
+    expression = second.strip()
+    code = compile(expression, "<function %s>" % first, "eval") if expression else None
+    number = _function_numbers.setdefault(first, len(_functions))
+    if number == len(_functions):
+        _functions.append(None)
+    _functions[number] = (first, code)
+    tcl.set("::pytarn::__functionName", first)
+    tcl.eval("namespace eval ::[namespace qualifiers $::pytarn::__functionName] {}\n"
+             "proc $::pytarn::__functionName args {%s}" % (_PROC_BODY % number))
+
+
+def _invoke(number, call):
+    words = _pending.pop(call)
+    if not isinstance(words, list):
+        words = [words] if words != "" else []
+    name, code = _functions[number]
+    main = vars(sys.modules["__main__"])
+    function = eval(code, main) if code else main[name]
+    return function(*words)
 
 
 class _ErrorCapture(io.StringIO):

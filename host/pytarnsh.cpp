@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "HostCommands.h"
 #include "pytarn.h"
 
 namespace {
@@ -65,6 +66,8 @@ int appInit(Tcl_Interp* interp) {
     if (Tcl_Init(interp) != TCL_OK)
         return TCL_ERROR;
     Tcl_CreateNamespace(interp, "::pytarn", nullptr, nullptr);
+    pytarnsh::registerFunctionCommand(interp);
+    pytarnsh::registerBufferCommands(interp);
     Tcl_SetVar2Ex(interp, "::pytarn::status", nullptr, Tcl_NewIntObj(loadInRoot(interp)),
                   TCL_GLOBAL_ONLY);
     int interactive = 0;

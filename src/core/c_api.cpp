@@ -3,10 +3,16 @@
 
 namespace pytarn::c_api {
 
+// Refuses at once, rather than queueing a request that no thread would carry
+// out, when the interpreter is not (or no longer) running or the caller is not
+// the main Tcl thread. `ready` is stored by the Python thread after `load` has
+// recorded the interpreter and its thread, so once it reads true both globals
+// may be read from any thread; before that, no interpreter is touched.
 int createFunction(const char* first, const char* second) {
-    if (!tcl_interp) return TCL_ERROR; // before `load`: no interpreter to report in
+    if (!python_thread.ready.load()) return TCL_ERROR;
+    if (Tcl_GetCurrentThread() != main_tcl_thread) return TCL_ERROR;
     event::PyEvent request([first, second] { return python::createFunction(first, second); });
-    return event_mgr->spin(&request);
+    return event_mgr->spin(&request); // sets "Python interpreter is not running" itself
 }
 
 } // namespace pytarn::c_api

@@ -1,0 +1,7 @@
+#include "HostCommands.h"
+
+namespace pytarnsh {
+
+void registerBufferCommands(Tcl_Interp*) {}
+
+} // namespace pytarnsh

@@ -1,0 +1,15 @@
+// Tcl commands of the reference host in the ::pytarn namespace, registered by
+// pytarnsh before the bridge loads. All run on the main Tcl thread.
+#pragma once
+
+#include <tcl.h>
+
+namespace pytarnsh {
+
+// ::pytarn::createFunction FIRST ?SECOND?: the bridge's exported createFunction.
+void registerFunctionCommand(Tcl_Interp* interp);
+
+// ::pytarn::buffer create|get|delete|names: the host's data buffers.
+void registerBufferCommands(Tcl_Interp* interp);
+
+} // namespace pytarnsh
