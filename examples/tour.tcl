@@ -54,3 +54,29 @@ threading.Thread(target=work).start()
 # The thread may finish before Tcl reaches its event loop: wait only if not.
 if {![info exists ::finished]} {vwait ::finished}
 puts "background work finished: $::finished"
+
+puts "\n== get and set move single values"
+::python::set point [list 3 4]
+puts "hypotenuse        = [::python::get {(point[0] ** 2 + point[1] ** 2) ** 0.5}]"
+puts "is 'for x in y:' complete? [::python::check {for x in y:}]"
+
+puts "\n== A Python function becomes a Tcl command"
+::python::exec {
+def describe(*words):
+    return ["%s:%s" % (type(w).__name__, w) for w in words]
+}
+::pytarn::createFunction describe
+::pytarn::createFunction ::text::shout {lambda s: s.upper() + "!"}
+puts "describe 42 1.5 {two words} -> [describe 42 1.5 {two words}]"
+puts "::text::shout hello        -> [::text::shout hello]"
+
+puts "\n== Python reads and writes a host buffer"
+::pytarn::buffer create samples [binary format c* {1 2 3 4 5}]
+::python::exec {
+import Orvanta
+data = Orvanta.__buffGetBytes("samples")
+print("Python read", list(data))
+Orvanta.__buffSetBytes("samples", bytearray(b * 10 for b in data), 0, 5)
+}
+binary scan [::pytarn::buffer get samples] c* bytes
+puts "the buffer now holds $bytes"

@@ -67,7 +67,9 @@ int appInit(Tcl_Interp* interp) {
         return TCL_ERROR;
     Tcl_CreateNamespace(interp, "::pytarn", nullptr, nullptr);
     pytarnsh::registerFunctionCommand(interp);
+#ifndef PYTARNSH_NO_BUFFERS
     pytarnsh::registerBufferCommands(interp);
+#endif
     Tcl_SetVar2Ex(interp, "::pytarn::status", nullptr, Tcl_NewIntObj(loadInRoot(interp)),
                   TCL_GLOBAL_ONLY);
     int interactive = 0;

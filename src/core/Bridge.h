@@ -92,6 +92,12 @@ int get(void* clientData, Tcl_Interp* interp, int argc, const char** argv);
 int set(void* clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]);
 } // namespace tcl_api
 
+namespace buffer {
+// Looks up the host's buffer functions in the process; main Tcl thread, before
+// the Python thread starts. Without them Orvanta's functions raise.
+void findHostLibrary();
+} // namespace buffer
+
 namespace c_api {
 int createFunction(const char* first, const char* second);
 } // namespace c_api

@@ -111,6 +111,7 @@ extern "C" int load(Tcl_Interp* interp) {
     tcl_interp = interp;
     main_tcl_thread = Tcl_GetCurrentThread();
     Tcl_CreateNamespace(interp, "::python", nullptr, nullptr);
+    buffer::findHostLibrary();
     try {
         python_thread.thread = std::thread(&PythonThread::run, &python_thread);
     } catch (const std::system_error&) {
