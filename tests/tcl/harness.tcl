@@ -29,24 +29,32 @@ proc readFile {path} {
 }
 
 # Runs SCRIPT in a new pytarnsh with the variant root ROOT ("" for the main one).
-# Returns a dict: code (exit status), stdout, stderr, ms (wall time).
+# Returns a dict: code (exit status), stdout, stderr, ms (wall time from the start of
+# SCRIPT to the end of the process: start-up, slow under sanitizers, is left out).
 proc child {root script} {
+    close [file tempfile startFile]
     set chan [file tempfile scriptFile]
+    puts $chan [list apply {{file} {
+        set chan [open $file w]
+        puts $chan [clock milliseconds]
+        close $chan
+    }} $startFile]
     puts -nonewline $chan $script
     close $chan
     close [file tempfile outFile]
     close [file tempfile errFile]
     set saved [array get ::env PYTARN_HOME]
     set ::env(PYTARN_HOME) [expr {$root eq "" ? "" : [file join $::rootsDir $root]}]
-    set start [clock milliseconds]
     set code 0
     if {[catch {exec [info nameofexecutable] $scriptFile >$outFile 2>$errFile} msg opts]} {
         lassign [dict get $opts -errorcode] kind pid status
         set code [expr {$kind eq "CHILDSTATUS" ? $status : $msg}]
     }
-    set result [dict create code $code ms [expr {[clock milliseconds] - $start}] \
+    set end [clock milliseconds]
+    set start [string trim [readFile $startFile]]
+    set result [dict create code $code ms [expr {$start eq "" ? -1 : $end - $start}] \
                     stdout [readFile $outFile] stderr [readFile $errFile]]
-    file delete $scriptFile $outFile $errFile
+    file delete $scriptFile $startFile $outFile $errFile
     unset ::env(PYTARN_HOME)
     array set ::env $saved
     return $result
