@@ -12,4 +12,7 @@ void registerFunctionCommand(Tcl_Interp* interp);
 // ::pytarn::buffer create|get|delete|names: the host's data buffers.
 void registerBufferCommands(Tcl_Interp* interp);
 
+// ::pytarn::console: an interactive Python prompt; returns on exit() or end of file.
+void registerConsoleCommand(Tcl_Interp* interp);
+
 } // namespace pytarnsh

@@ -6,6 +6,7 @@ import io
 import keyword
 import re
 import sys
+import traceback
 
 # The word to complete is the trailing run of identifier characters and dots,
 # so "print(os.pa" completes "os.pa" and "x = " completes the empty word.
@@ -81,6 +82,8 @@ def makeFunction(first, second):
     if number == len(_functions):
         _functions.append(None)
     _functions[number] = (first, code)
+    # A host other than pytarnsh may have no ::pytarn namespace yet.
+    tcl.eval("namespace eval ::pytarn {}")
     tcl.set("::pytarn::__functionName", first)
     tcl.eval("namespace eval ::[namespace qualifiers $::pytarn::__functionName] {}\n"
              "proc $::pytarn::__functionName args {%s}" % (_PROC_BODY % number))
@@ -94,6 +97,51 @@ def _invoke(number, call):
     main = vars(sys.modules["__main__"])
     function = eval(code, main) if code else main[name]
     return function(*words)
+
+
+class _Quitter:
+    """exit and quit as Python's prompt knows them: calling one raises SystemExit."""
+
+    def __init__(self, name):
+        self._name = name
+
+    def __repr__(self):
+        return "Use %s() or Ctrl-D (i.e. EOF) to exit" % self._name
+
+    def __call__(self, code=None):
+        raise SystemExit(code)
+
+
+def consoleStart():
+    """Makes exit and quit built-in names, as Python's site module would in a plain
+    interpreter, and returns the banner of pytarnsh's Python console."""
+    for name in ("exit", "quit"):
+        if not hasattr(builtins, name):
+            setattr(builtins, name, _Quitter(name))
+    return ("Python %s on %s\nexit() or end of file (Ctrl-D) returns to Tcl."
+            % (sys.version, sys.platform))
+
+
+def runConsole(source):
+    """Runs one complete block of console input in __main__ as Python's prompt does.
+
+    Expression values are shown through sys.displayhook, exceptions as a traceback on
+    sys.stderr that leaves out this function's frame. Returns 1 when the block raised
+    SystemExit (the console ends, the host goes on), otherwise 0."""
+    try:
+        code = compile(source, "<console>", "single")
+    except (SyntaxError, OverflowError, ValueError) as error:
+        traceback.print_exception(type(error), error, None)
+        return 0
+    try:
+        exec(code, vars(sys.modules["__main__"]))
+    except SystemExit:
+        return 1
+    except BaseException as error:
+        sys.last_type, sys.last_value = type(error), error
+        sys.last_traceback = error.__traceback__
+        traceback.print_exception(type(error), error, error.__traceback__.tb_next)
+    return 0
 
 
 class _ErrorCapture(io.StringIO):

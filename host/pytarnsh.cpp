@@ -67,11 +67,14 @@ int appInit(Tcl_Interp* interp) {
         return TCL_ERROR;
     Tcl_CreateNamespace(interp, "::pytarn", nullptr, nullptr);
     pytarnsh::registerFunctionCommand(interp);
+    pytarnsh::registerConsoleCommand(interp);
 #ifndef PYTARNSH_NO_BUFFERS
     pytarnsh::registerBufferCommands(interp);
 #endif
-    Tcl_SetVar2Ex(interp, "::pytarn::status", nullptr, Tcl_NewIntObj(loadInRoot(interp)),
-                  TCL_GLOBAL_ONLY);
+    const int status = loadInRoot(interp);
+    Tcl_SetVar2Ex(interp, "::pytarn::status", nullptr, Tcl_NewIntObj(status), TCL_GLOBAL_ONLY);
+    // Scripts written for tclsh's `package require pytarn` run here unchanged.
+    if (status == 0) Tcl_PkgProvide(interp, "pytarn", PYTARN_VERSION);
     int interactive = 0;
     Tcl_Obj* flag = Tcl_GetVar2Ex(interp, "tcl_interactive", nullptr, TCL_GLOBAL_ONLY);
     if (flag && Tcl_GetBooleanFromObj(nullptr, flag, &interactive) == TCL_OK && interactive)

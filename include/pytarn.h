@@ -1,7 +1,7 @@
 /* Exported C entry points of the pytarn bridge library.
  *
  * Every entry is called by the host on its main Tcl thread (the thread that
- * calls `load`), except the two module initialisers, which the embedded
+ * calls `load` or `Pytarn_Init`), except the two module initialisers, which the embedded
  * Python's import machinery calls on the Python thread. */
 #ifndef PYTARN_H
 #define PYTARN_H
@@ -25,6 +25,13 @@ struct _object; /* PyObject */
  * meanwhile. The Python installation is looked up under `python/` relative to
  * the working directory. A second call returns the first call's status. */
 PYTARN_EXPORT int load(struct Tcl_Interp* interp);
+
+/* The Tcl package entry point: `package require pytarn` (through the
+ * generated pkgIndex.tcl) or `load libpytarn.so Pytarn`. Calls `load` once,
+ * with the library's own directory as the installation root and working
+ * directory for the call, then provides the package; TCL_ERROR with a message
+ * when Python did not start or another interpreter already has the bridge. */
+PYTARN_EXPORT int Pytarn_Init(struct Tcl_Interp* interp);
 
 /* Asks the helper module's makeFunction(first, second) to create a function.
  * Returns the Tcl completion code and leaves the result in the interpreter

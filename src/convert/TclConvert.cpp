@@ -2,6 +2,8 @@
 
 #include "PyErrors.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 
 using pytarn::printPythonError;
@@ -42,6 +44,33 @@ public:
 
 bool recursionPending() {
     return PyErr_Occurred() && PyErr_ExceptionMatches(PyExc_RecursionError);
+}
+
+// Decimal digits as Python's int() reads them: blanks, a sign, a first digit
+// other than 0, then digits with single underscores between them, blanks.
+// PyLong_FromString refuses such text only when it has too many digits.
+bool isPythonDecimal(const char* text) {
+    auto blank = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+    while (blank(*text)) ++text;
+    if (*text == '+' || *text == '-') ++text;
+    if (*text < '1' || *text > '9') return false;
+    bool afterDigit = true;
+    for (++text; *text && !blank(*text); ++text) {
+        if (*text == '_' && afterDigit) {
+            afterDigit = false;
+        } else if (*text >= '0' && *text <= '9') {
+            afterDigit = true;
+        } else {
+            return false;
+        }
+    }
+    while (blank(*text)) ++text;
+    return afterDigit && *text == '\0';
+}
+
+Tcl_Encoding utf8Encoding() {
+    static const Tcl_Encoding encoding = Tcl_GetEncoding(nullptr, "utf-8"); // kept for good
+    return encoding;
 }
 
 const Tcl_ObjType* listType() {
@@ -92,6 +121,40 @@ bool isTclFloat(const char* text) {
 
 namespace tcl_convert {
 
+TclText::TclText(const char* utf8) : text_(utf8) {
+    // Only four-byte sequences differ, and their lead bytes are 0xF0 and up.
+    const char* p = utf8;
+    while (*p && static_cast<unsigned char>(*p) < 0xF0) ++p;
+    if (!*p || !utf8Encoding()) return;
+    Tcl_ExternalToUtfDString(utf8Encoding(), utf8, -1, &copy_);
+    recoded_ = true;
+    text_ = Tcl_DStringValue(&copy_);
+}
+
+TclText::~TclText() {
+    if (recoded_) Tcl_DStringFree(&copy_);
+}
+
+SmartPyObj fromTclText(const char* text, int length) {
+    // A raw NUL byte only comes from a malformed object; Tcl's NUL is 0xC0 0x80.
+    if (std::memchr(text, '\0', static_cast<size_t>(length))) return SmartPyObj();
+    SmartPyObj str(PyUnicode_DecodeUTF8(text, length, nullptr));
+    if (str) return str;
+    PyErr_Clear();
+    // Surrogates read one by one, then joined through UTF-16, where a pair
+    // becomes one character and a lone half fails.
+    SmartPyObj halves(PyUnicode_DecodeUTF8(text, length, "surrogatepass"));
+    SmartPyObj utf16(halves ? PyUnicode_AsEncodedString(halves.get(), "utf-16-le", "surrogatepass")
+                            : nullptr);
+    if (utf16) {
+        int littleEndian = -1;
+        str = PyUnicode_DecodeUTF16(PyBytes_AS_STRING(utf16.get()), PyBytes_GET_SIZE(utf16.get()),
+                                    nullptr, &littleEndian);
+    }
+    PyErr_Clear();
+    return str;
+}
+
 Tcl_Obj* toTcl(SmartPyObj value) {
     if (!value) return toTcl("");
     unsigned long flags = PyType_GetFlags(Py_TYPE(value.get()));
@@ -106,6 +169,10 @@ Tcl_Obj* toTclList(SmartPyObj value) {
     DepthGuard guard;
     if (!value || guard.tooDeep()) return list;
     Py_ssize_t n = PyObject_Size(value.get());
+    // A subclass's __len__ may claim more than it holds, and its __getitem__
+    // invent items without end: the items held bound the count, as in list().
+    if (PyList_Check(value.get())) n = std::min(n, PyList_GET_SIZE(value.get()));
+    if (PyTuple_Check(value.get())) n = std::min(n, PyTuple_GET_SIZE(value.get()));
     if (n < 1) return list;
     // A sequence may shrink while its items are converted (its own code runs
     // in __str__ of an item); stop at the first missing item.
@@ -158,10 +225,12 @@ Tcl_Obj* toTclStr(SmartPyObj value) {
         str = converted && isStr(converted.get()) ? converted.get() : nullptr;
     }
     const char* text = str ? PyUnicode_AsUTF8(str) : nullptr;
-    return toTcl(text ? text : "");
+    if (!text) return toTcl("");
+    // Only text beyond U+FFFF needs TclText's scan and recoding.
+    return PyUnicode_MAX_CHAR_VALUE(str) > 0xFFFF ? toTcl(text) : Tcl_NewStringObj(text, -1);
 }
 
-Tcl_Obj* toTcl(const char* text) { return Tcl_NewStringObj(text, -1); }
+Tcl_Obj* toTcl(const char* text) { return Tcl_NewStringObj(TclText(text).get(), -1); }
 
 SmartPyObj fromTcl(Tcl_Obj* value) {
     if (value->typePtr && value->typePtr == listType()) return fromTclList(value);
@@ -173,17 +242,16 @@ SmartPyObj fromTcl(Tcl_Obj* value) {
     if (std::memchr(text, '\0', static_cast<size_t>(length))) return SmartPyObj();
     SmartPyObj number(PyLong_FromString(text, nullptr, 0));
     if (number) return number;
+    // Past Python's digit limit: its ValueError says how to raise the limit.
+    if (isPythonDecimal(text)) return number;
     PyErr_Clear();
     if (isTclOctal(text)) {
         number = PyLong_FromString(text, nullptr, 8);
         if (number) return number;
         PyErr_Clear();
     }
-    SmartPyObj str(PyUnicode_DecodeUTF8(text, length, nullptr));
-    if (!str) {
-        PyErr_Clear();
-        return str;
-    }
+    SmartPyObj str = fromTclText(text, length);
+    if (!str) return str;
     if (isTclFloat(text)) {
         number = PyFloat_FromString(str.get());
         if (number) return number;
@@ -237,7 +305,7 @@ SmartPyObj fromTclDict(Tcl_Obj* value) {
         }
         int keyLength = 0;
         const char* keyText = Tcl_GetStringFromObj(key, &keyLength);
-        SmartPyObj pyKey(PyUnicode_DecodeUTF8(keyText, keyLength, nullptr));
+        SmartPyObj pyKey = fromTclText(keyText, keyLength);
         failed = !item || !pyKey || PyDict_SetItem(dict.get(), pyKey.get(), item.get()) != 0;
     }
     Tcl_DictObjDone(&search);

@@ -28,9 +28,36 @@ Tcl_Obj* toTclDict(SmartPyObj value);
 Tcl_Obj* toTclStr(SmartPyObj value);
 Tcl_Obj* toTcl(const char* text);
 
+// Python's UTF-8 text in the form Tcl 8.6 keeps text in: characters beyond
+// U+FFFF as surrogate pairs of three bytes each. Python's four-byte form
+// overruns buffers in some of Tcl's string commands (string toupper), so
+// every text handed to Tcl goes through here. Any thread; no Python lock.
+class TclText {
+public:
+    explicit TclText(const char* utf8);
+    ~TclText();
+    TclText(const TclText&) = delete;
+    TclText& operator=(const TclText&) = delete;
+    // The text itself, or a recoded copy that lives as long as this object.
+    const char* get() const { return text_; }
+
+private:
+    const char* text_;
+    bool recoded_ = false;
+    Tcl_DString copy_;
+};
+
+// The Python str of Tcl's text: surrogate pairs are joined back into one
+// character; NUL (0xC0 0x80, or a raw byte in a malformed object), lone
+// surrogates and other bytes that are not UTF-8 give an empty handle and
+// leave no error set.
+SmartPyObj fromTclText(const char* text, int length);
+
 // Tcl to Python: decided by the internal form (list, dict), then by the text
 // (int, Tcl octal, plain fraction, str). An empty handle means the value
-// could not be converted; a RecursionError is left set when it was too deep.
+// could not be converted; a RecursionError is left set when it was too deep,
+// and Python's ValueError when decimal digits exceed its limit for int()
+// (sys.set_int_max_str_digits), rather than the text arriving as a str.
 SmartPyObj fromTcl(Tcl_Obj* value);
 SmartPyObj fromTclList(Tcl_Obj* value);
 SmartPyObj fromTclDict(Tcl_Obj* value);

@@ -38,12 +38,18 @@ public:
     // The body of the Python thread: init, then service requests until
     // `alive` is cleared.
     void run();
-    // Clears `alive`, wakes every waiter and joins the thread.
+    // Clears `alive`, wakes every waiter and joins the thread. Python code
+    // that runs on regardless is interrupted; a thread that has still not
+    // ended after a bound (one blocked outside Python) is left behind, so
+    // that the host's exit never waits for it.
     void stop();
 
     std::thread thread;
     std::atomic<bool> alive{true};
     std::atomic<bool> ready{false};
+    std::atomic<bool> finished{false};        // run() will run no more Python
+    std::atomic<unsigned long> python_ident{0}; // the thread's Python identity
+    std::atomic<bool> interrupting{false};      // stop() has begun interrupting
     int status = 0; // published by the store to `ready`
     event::Notifier notifier;
     event::EventMgr event_mgr;

@@ -3,6 +3,7 @@
 
 #include "convert/PyErrors.h"
 
+#include <chrono>
 #include <iostream>
 #include <system_error>
 
@@ -32,10 +33,31 @@ namespace {
 
 constexpr std::chrono::seconds load_wait_bound{1};
 constexpr std::chrono::seconds idle_wait_bound{5};
+// stop(): how long Python code may run on before it is interrupted, and how
+// long the host's exit waits for the thread at most.
+constexpr std::chrono::milliseconds stop_grace{100};
+constexpr std::chrono::milliseconds stop_bound{1000};
+constexpr std::chrono::milliseconds stop_poll{20};
 
 bool load_called = false; // main Tcl thread only
 
 void remove(ClientData) { python_thread.stop(); }
+
+// Raises SystemExit in the code that the Python thread runs, again each time
+// that code catches it, until the thread ends. Runs on a thread of its own,
+// never joined: taking the interpreter lock waits for as long as its holder
+// keeps it, and the thread ends holding it for good.
+void interruptPython() {
+    const unsigned long target = python_thread.python_ident.load();
+    for (;;) {
+        std::uint64_t seen = notifier->generation();
+        if (python_thread.finished.load()) return;
+        PyGILState_STATE gil = PyGILState_Ensure();
+        PyThreadState_SetAsyncExc(target, PyExc_SystemExit);
+        PyGILState_Release(gil);
+        notifier->waitChange(seen, stop_poll * 5);
+    }
+}
 
 void registerCommands() {
     Tcl_CreateCommand(tcl_interp, "::python::eval", tcl_api::eval, nullptr, nullptr);
@@ -55,14 +77,18 @@ bool pythonRunning() {
 
 PythonState::~PythonState() {
     // The Python thread has ended holding the interpreter lock, and nothing
-    // else runs Python now, so the references are given back without it.
+    // else runs Python now, so the references are given back without it. A
+    // thread that stop() left behind may still run Python: then they are kept.
+    const bool ended = python_thread.finished.load();
     for (SmartPyObj* field : {&make_function, &tab_complete, &complete_expression, &shell,
                               &tcl_error, &tcl, &main_dict}) {
-        Py_XDECREF(field->release());
+        PyObject* reference = field->release();
+        if (ended) Py_XDECREF(reference);
     }
 }
 
 void PythonThread::run() {
+    python_ident.store(PyThread_get_thread_ident());
     if (init() != 0) {
         std::cerr << "error loading pytarn\n";
         status = 1;
@@ -72,30 +98,55 @@ void PythonThread::run() {
     }
     ready.store(true);
     notifier.notifyAll();
-    if (!Py_IsInitialized()) return;
-
-    PyGILState_STATE gil = PyGILState_Ensure();
-    PyThreadState* state = PyEval_SaveThread();
-    for (;;) {
-        std::uint64_t seen = notifier.generation();
-        if (!event_mgr.python_queue.empty()) {
-            PyEval_RestoreThread(state);
-            event_mgr.python_queue.serviceAllEvents();
-            state = PyEval_SaveThread();
-            continue;
+    if (Py_IsInitialized()) {
+        PyGILState_STATE gil = PyGILState_Ensure();
+        PyThreadState* state = PyEval_SaveThread();
+        for (;;) {
+            std::uint64_t seen = notifier.generation();
+            if (!event_mgr.python_queue.empty()) {
+                PyEval_RestoreThread(state);
+                event_mgr.python_queue.serviceAllEvents();
+                state = PyEval_SaveThread();
+                continue;
+            }
+            if (!alive.load()) break;
+            notifier.waitChange(seen, idle_wait_bound);
         }
-        if (!alive.load()) break;
-        notifier.waitChange(seen, idle_wait_bound);
+        // Ends holding the lock: nothing may run Python after the bridge stops.
+        PyEval_RestoreThread(state);
+        PyGILState_Release(gil);
     }
-    // Ends holding the lock: nothing may run Python after the bridge stops.
-    PyEval_RestoreThread(state);
-    PyGILState_Release(gil);
+    finished.store(true);
+    notifier.notifyAll();
 }
 
 void PythonThread::stop() {
     alive.store(false);
     notifier.notifyAll();
-    if (thread.joinable() && thread.get_id() != std::this_thread::get_id()) thread.join();
+    if (!thread.joinable() || thread.get_id() == std::this_thread::get_id()) return;
+    const auto start = std::chrono::steady_clock::now();
+    for (;;) {
+        std::uint64_t seen = notifier.generation();
+        if (finished.load()) break;
+        const auto waited = std::chrono::steady_clock::now() - start;
+        if (waited >= stop_bound) {
+            // Blocked outside Python (a sleep, a lock): the process ends
+            // without it, and a later stop() returns at once.
+            thread.detach();
+            return;
+        }
+        // Python code that never calls Tcl, or runs on after its Tcl calls
+        // were abandoned, does not look at `alive`.
+        if (waited >= stop_grace && !interrupting.exchange(true)) {
+            try {
+                std::thread(interruptPython).detach();
+            } catch (const std::system_error&) {
+                // Without it the bound below still ends the wait.
+            }
+        }
+        notifier.waitChange(seen, stop_poll);
+    }
+    thread.join();
 }
 
 } // namespace pytarn

@@ -16,6 +16,7 @@ const char* const invalid_parameters = "Invalid Parameters";
 
 int invalid(Tcl_Interp* interp) {
     Tcl_SetResult(interp, const_cast<char*>(invalid_parameters), TCL_STATIC);
+    Tcl_SetErrorCode(interp, "TCL", "WRONGARGS", nullptr); // as Tcl's own commands
     return TCL_ERROR;
 }
 

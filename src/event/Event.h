@@ -30,6 +30,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace pytarn::event {
 
@@ -47,6 +48,9 @@ struct PyEvent {
     // flushing run there.
     bool exit_requested = false;
     int exit_code = 0;
+    // The failing exception's type name, which becomes the Tcl error code
+    // "PYTHON <name>"; empty when the request did not fail in Python.
+    std::string error_type;
     std::atomic<bool> done{false};
 };
 
@@ -64,6 +68,7 @@ struct TclEvent {
     const char* variable = nullptr; // not owned
     SmartTclObj value;              // value to assign, unshared
     std::string error;              // non-empty exactly when the request failed
+    std::vector<std::string> error_code; // the failure's -errorcode, word by word
     SmartTclObj result;             // a detached copy of the Tcl result
     bool too_deep = false;          // the result was nested too deeply to copy
     std::atomic<bool> done{false};

@@ -57,10 +57,27 @@ PyObject* EventMgr::postProcess(TclEvent* ev) {
         PyObject* type = python_state.tcl_error ? python_state.tcl_error.get()
                                                 : PyExc_RuntimeError;
         // Tcl text may hold bytes Python's UTF-8 rejects (0xC0 0x80 for NUL).
-        SmartPyObj message(PyUnicode_DecodeUTF8(ev->error.data(),
-                                                static_cast<Py_ssize_t>(ev->error.size()),
-                                                "replace"));
-        if (message) PyErr_SetObject(type, message.get());
+        const int length = static_cast<int>(ev->error.size());
+        SmartPyObj message = tcl_convert::fromTclText(ev->error.data(), length);
+        if (!message) message = PyUnicode_DecodeUTF8(ev->error.data(), length, "replace");
+        if (!message) return nullptr;
+        // The instance carries Tcl's -errorcode words as the tuple `errorcode`.
+        SmartPyObj error(PyObject_CallOneArg(type, message.get()));
+        SmartPyObj code(PyTuple_New(static_cast<Py_ssize_t>(ev->error_code.size())));
+        for (std::size_t i = 0; code && i < ev->error_code.size(); ++i) {
+            const std::string& word = ev->error_code[i];
+            PyObject* text = PyUnicode_DecodeUTF8(
+                word.data(), static_cast<Py_ssize_t>(word.size()), "replace");
+            if (!text) {
+                code.reset();
+            } else {
+                PyTuple_SET_ITEM(code.get(), static_cast<Py_ssize_t>(i), text);
+            }
+        }
+        if (!error || !code ||
+            PyObject_SetAttrString(error.get(), "errorcode", code.get()) != 0)
+            return nullptr;
+        PyErr_SetObject(type, error.get());
         return nullptr;
     }
     if (ev->too_deep) {

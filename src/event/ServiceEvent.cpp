@@ -30,18 +30,23 @@ SmartPyObj captureFinalizer() {
     return hook;
 }
 
-// "TypeName: value text", without a traceback.
-std::string formattedMessage(PyObject* type, PyObject* value) {
+// The exception type's __name__; empty when it has none. Leaves no error set.
+std::string typeName(PyObject* type) {
     SmartPyObj nameText;
     if (type) {
         SmartPyObj name(PyObject_GetAttrString(type, "__name__"));
         if (name) nameText = PyObject_Str(name.get());
     }
+    std::string text = nameText.stdstr();
+    PyErr_Clear();
+    return text;
+}
+
+// "TypeName: value text", without a traceback.
+std::string formattedMessage(PyObject* type, PyObject* value) {
     std::string valueText = SmartPyObj::borrow(value).stdstr();
     PyErr_Clear();
-    std::string typeText = nameText.stdstr();
-    PyErr_Clear();
-    return typeText + ": " + valueText;
+    return typeName(type) + ": " + valueText;
 }
 
 // Fills the request's failure outcome from the pending Python error and
@@ -52,6 +57,7 @@ void reportFailure(PyEvent* ev) {
     PyObject* traceback = nullptr;
     PyErr_Fetch(&type, &value, &traceback);
     std::string message;
+    ev->error_type = typeName(type);
     SmartPyObj finalizer = captureFinalizer();
     if (finalizer && PyErr_GivenExceptionMatches(type, PyExc_SystemExit)) {
         // The host exits on its own thread, through Tcl, so that its exit

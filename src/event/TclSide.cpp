@@ -35,6 +35,28 @@ void storeResult(TclEvent* ev, Tcl_Obj* value) {
     ev->too_deep = !ev->result;
 }
 
+// The -errorcode of the failure just reported, as plain text words: Python
+// sees them as TclError.errorcode.
+void storeErrorCode(TclEvent* ev, int code) {
+    Tcl_Obj* options = Tcl_GetReturnOptions(tcl_interp, code);
+    Tcl_IncrRefCount(options);
+    Tcl_Obj* errorCode = nullptr;
+    Tcl_Obj* key = Tcl_NewStringObj("-errorcode", -1);
+    Tcl_IncrRefCount(key);
+    int count = 0;
+    Tcl_Obj** words = nullptr;
+    if (Tcl_DictObjGet(nullptr, options, key, &errorCode) == TCL_OK && errorCode &&
+        Tcl_ListObjGetElements(nullptr, errorCode, &count, &words) == TCL_OK) {
+        for (int i = 0; i < count; ++i) {
+            int length = 0;
+            const char* text = Tcl_GetStringFromObj(words[i], &length);
+            ev->error_code.emplace_back(text, static_cast<std::size_t>(length));
+        }
+    }
+    Tcl_DecrRefCount(key);
+    Tcl_DecrRefCount(options);
+}
+
 } // namespace
 
 void TclEventQueue::push(TclEvent* ev) {
@@ -48,25 +70,32 @@ void TclEventQueue::serviceEvent(TclEvent* ev) {
     // a script run here may itself begin shutdown: test before every touch.
     if (!python_alive->load()) return;
     if (ev->script) {
-        int code = Tcl_EvalEx(tcl_interp, ev->script, -1, TCL_EVAL_GLOBAL);
+        int code = Tcl_EvalEx(tcl_interp, tcl_convert::TclText(ev->script).get(), -1,
+                              TCL_EVAL_GLOBAL);
         if (!python_alive->load()) return;
         Tcl_Obj* result = Tcl_GetObjResult(tcl_interp);
-        if (code != TCL_OK) ev->error = Tcl_GetString(result);
+        if (code != TCL_OK) {
+            ev->error = Tcl_GetString(result);
+            storeErrorCode(ev, code);
+        }
         if (ev->error.empty()) storeResult(ev, result);
     } else if (ev->output) {
-        Tcl_SetVar(tcl_interp, "::python::__buff", ev->output, TCL_GLOBAL_ONLY);
+        Tcl_SetVar(tcl_interp, "::python::__buff", tcl_convert::TclText(ev->output).get(),
+                   TCL_GLOBAL_ONLY);
         Tcl_EvalObjEx(tcl_interp, outputScript(ev->to_stderr), 0);
         if (!python_alive->load()) return;
     } else if (ev->variable && ev->value) {
-        Tcl_SetVar2Ex(tcl_interp, ev->variable, nullptr, ev->value.get(), TCL_GLOBAL_ONLY);
+        Tcl_SetVar2Ex(tcl_interp, tcl_convert::TclText(ev->variable).get(), nullptr,
+                      ev->value.get(), TCL_GLOBAL_ONLY);
         ev->value = nullptr; // the variable's reference is Tcl's alone
     } else if (ev->variable) {
-        Tcl_Obj* value = Tcl_GetVar2Ex(tcl_interp, ev->variable, nullptr,
-                                       TCL_GLOBAL_ONLY | TCL_LEAVE_ERR_MSG);
+        Tcl_Obj* value = Tcl_GetVar2Ex(tcl_interp, tcl_convert::TclText(ev->variable).get(),
+                                       nullptr, TCL_GLOBAL_ONLY | TCL_LEAVE_ERR_MSG);
         if (value) {
             storeResult(ev, value);
         } else {
             ev->error = Tcl_GetStringResult(tcl_interp);
+            storeErrorCode(ev, TCL_ERROR);
         }
     }
     complete(ev);
@@ -96,6 +125,7 @@ int EventMgr::spin(PyEvent* ev) {
     if (!pythonRunning()) {
         Tcl_SetResult(tcl_interp, const_cast<char*>("Python interpreter is not running"),
                       TCL_STATIC);
+        Tcl_SetErrorCode(tcl_interp, "PYTARN", "NOTRUNNING", nullptr);
         return TCL_ERROR;
     }
     python_queue.push(ev);
@@ -109,6 +139,13 @@ int EventMgr::postProcess(PyEvent* ev) {
         Tcl_SetObjResult(tcl_interp, ev->result.get());
     } else {
         Tcl_ResetResult(tcl_interp);
+    }
+    // Scripts dispatch on the exception type: trap {PYTHON ZeroDivisionError}.
+    if (ev->status == TCL_ERROR && !ev->error_type.empty()) {
+        Tcl_Obj* words[] = {Tcl_NewStringObj("PYTHON", -1),
+                            Tcl_NewStringObj(ev->error_type.data(),
+                                             static_cast<int>(ev->error_type.size()))};
+        Tcl_SetObjErrorCode(tcl_interp, Tcl_NewListObj(2, words));
     }
     return ev->status;
 }

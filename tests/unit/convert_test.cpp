@@ -196,8 +196,8 @@ TEST_F(Convert, ContainersBecomeTclListsAndDicts) {
 TEST_F(Convert, OtherValuesBecomeTheirText) {
     const std::pair<const char*, const char*> cases[] = {
         {"2**100", "1267650600228229401496703205376"}, {"-2**31", "-2147483648"},
-        {"'a\\0b'", "a"}, {"'\\U0001F600'", "\xF0\x9F\x98\x80"}, {"float('-inf')", "-inf"},
-        {"None", "None"}, {"{1}", "{1}"}};
+        {"'a\\0b'", "a"}, {"'\\U0001F600'", "\xED\xA0\xBD\xED\xB8\x80"}, // Tcl's surrogate pair
+        {"float('-inf')", "-inf"}, {"None", "None"}, {"{1}", "{1}"}};
     for (auto [value, expected] : cases) EXPECT_EQ(text(tcl(value)), expected) << value;
     EXPECT_EQ(pendingError(), "");
 }
@@ -232,6 +232,7 @@ TEST_F(Convert, TclTextBecomesIntFloatOrStr) {
         {"08", "'08'"}, {"1.5", "1.5"}, {".5", "0.5"}, {"5.", "5.0"}, {"007.10", "7.1"},
         {"-1.5", "'-1.5'"}, {"1e3", "'1e3'"}, {"1.0e-5", "'1.0e-5'"}, {"1.2.3", "'1.2.3'"},
         {"", "''"}, {"a b", "'a b'"}, {"\xF0\x9F\x98\x80", "'\xF0\x9F\x98\x80'"},
+        {"\xED\xA0\xBD\xED\xB8\x80", "'\xF0\x9F\x98\x80'"},
         {"123456789012345678901234567890", "123456789012345678901234567890"}};
     for (auto [value, expected] : cases)
         EXPECT_EQ(repr(python(tclString(value))), expected) << value;
@@ -270,6 +271,32 @@ TEST_F(Convert, TclNulGivesNoValue) {
     EXPECT_EQ(pendingError(), "");
     EXPECT_NE(py("sys.stderr.getvalue()").stdstr().find("Error"), std::string::npos);
     ASSERT_TRUE(pyRun("sys.stderr = saved"));
+}
+
+TEST_F(Convert, TclTextThatIsNotUtf8GivesNoValue) {
+    // Lone surrogate halves, a pair in the wrong order, a byte no UTF-8 has,
+    // a sequence cut short.
+    for (const char* text : {"\xED\xA0\x80", "a\xED\xB8\x80", "\xED\xB8\x80\xED\xA0\xBD",
+                             "\xFF", "\xE2\x82"}) {
+        EXPECT_FALSE(python(tclString(text))) << text;
+        EXPECT_EQ(pendingError(), "") << text;
+    }
+}
+
+TEST_F(Convert, DecimalTextPastPythonsDigitLimitRaisesValueError) {
+    const std::string digits(5000, '7');
+    for (const std::string& text : {digits, " -" + digits + " ", "1_" + digits}) {
+        EXPECT_FALSE(python(tclString(text.c_str())));
+        EXPECT_EQ(pendingError(), "ValueError");
+        PyErr_Clear();
+    }
+    // Not decimal in Python's sense: Tcl's octal, or not a number at all.
+    SmartPyObj octal = python(tclString(("0" + digits).c_str()));
+    EXPECT_TRUE(octal && PyLong_Check(octal.get()));
+    for (const std::string& text : {digits + "x", "1__" + digits, digits + "_"})
+        EXPECT_EQ(repr(python(tclString(text.c_str()))), "'" + text + "'");
+    EXPECT_EQ(repr(python(tclString(" -1_000 "))), "-1000");
+    EXPECT_EQ(pendingError(), "");
 }
 
 TEST_F(Convert, TooDeepTclValuesRaiseRecursionError) {

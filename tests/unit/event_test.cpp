@@ -140,3 +140,31 @@ TEST(PyEventService, FailuresBecomeTclErrorsAndLeaveNoPythonError) {
         EXPECT_EQ(pendingError(), "") << expression;
     }
 }
+
+// Once shutdown has begun neither side takes requests any more: a call must
+// end at once instead of queueing a request that nobody carries out.
+TEST(EventMgrSpin, EndsAtOnceOnceShutdownHasBegun) {
+    Tcl_Interp* interp = Tcl_CreateInterp();
+    pytarn::tcl_interp = interp;
+    pytarn::python_thread.ready.store(true);
+    pytarn::python_thread.alive.store(false);
+    bool ran = false;
+    PyEvent request([&ran] {
+        ran = true;
+        return nullptr;
+    });
+    EXPECT_EQ(pytarn::event_mgr->spin(&request), TCL_ERROR);
+    EXPECT_STREQ(Tcl_GetStringResult(interp), "Python interpreter is not running");
+    EXPECT_TRUE(pytarn::event_mgr->python_queue.empty());
+    EXPECT_FALSE(ran);
+    // Python's calls into Tcl return None at once, so that its code can end.
+    TclEvent script;
+    script.script = "set x 1";
+    pytarn::SmartPyObj none(pytarn::event_mgr->spin(&script));
+    EXPECT_EQ(none.get(), Py_None);
+    EXPECT_TRUE(pytarn::event_mgr->tcl_queue.empty());
+    pytarn::python_thread.alive.store(true);
+    pytarn::python_thread.ready.store(false);
+    pytarn::tcl_interp = nullptr;
+    Tcl_DeleteInterp(interp);
+}
