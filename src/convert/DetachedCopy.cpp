@@ -4,16 +4,6 @@ namespace tcl_convert {
 
 namespace {
 
-const Tcl_ObjType* listType() {
-    static const Tcl_ObjType* type = Tcl_GetObjType("list");
-    return type;
-}
-
-const Tcl_ObjType* dictType() {
-    static const Tcl_ObjType* type = Tcl_GetObjType("dict");
-    return type;
-}
-
 // LEVEL counts the lists and dicts around VALUE, as the converters do; a
 // leaf string is not a level of its own.
 Tcl_Obj* copyAt(Tcl_Obj* value, int level) {

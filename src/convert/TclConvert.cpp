@@ -73,16 +73,6 @@ Tcl_Encoding utf8Encoding() {
     return encoding;
 }
 
-const Tcl_ObjType* listType() {
-    static const Tcl_ObjType* type = Tcl_GetObjType("list");
-    return type;
-}
-
-const Tcl_ObjType* dictType() {
-    static const Tcl_ObjType* type = Tcl_GetObjType("dict");
-    return type;
-}
-
 } // namespace
 
 std::string SmartPyObj::stdstr() const {
@@ -120,6 +110,16 @@ bool isTclFloat(const char* text) {
 }
 
 namespace tcl_convert {
+
+const Tcl_ObjType* listType() {
+    static const Tcl_ObjType* const type = Tcl_GetObjType("list");
+    return type;
+}
+
+const Tcl_ObjType* dictType() {
+    static const Tcl_ObjType* const type = Tcl_GetObjType("dict");
+    return type;
+}
 
 TclText::TclText(const char* utf8) : text_(utf8) {
     // Only four-byte sequences differ, and their lead bytes are 0xF0 and up.

@@ -20,6 +20,11 @@ using pytarn::SmartPyObj;
 // exhausting the stack (a self-containing value would recurse for ever).
 constexpr int max_depth = 1000;
 
+// Tcl's registered list and dict types: the internal form that decides how a
+// Tcl value converts.
+const Tcl_ObjType* listType();
+const Tcl_ObjType* dictType();
+
 // Python to Tcl: lists and tuples become lists, dicts become dicts, the rest
 // its str() text. Failures leave the Python error set and yield empty parts.
 Tcl_Obj* toTcl(SmartPyObj value);
