@@ -5,15 +5,47 @@
 #include "convert/PyErrors.h"
 #include "convert/TclConvert.h"
 
+#include <cstring>
 #include <string>
 
 namespace pytarn::python {
 
 namespace {
 
+// Scripts that loops send again and again are compiled once: the compiled
+// code of short texts is kept by text, one table per mode. A full table is
+// emptied rather than managed, which keeps the common case a dict lookup.
+constexpr std::size_t cache_text_limit = 4096;
+constexpr Py_ssize_t cache_entries = 512;
+
+PyObject* compiled(const char* code, int start) {
+    // Kept for the life of the process, and only touched with the lock held.
+    static PyObject* caches[2] = {PyDict_New(), PyDict_New()};
+    PyObject* cache = caches[start == Py_eval_input ? 0 : 1];
+    const std::size_t length = std::strlen(code);
+    SmartPyObj key;
+    if (cache && length <= cache_text_limit) {
+        key = PyUnicode_DecodeUTF8(code, static_cast<Py_ssize_t>(length), nullptr);
+        PyErr_Clear(); // text Python cannot decode compiles (and fails) uncached
+        if (key) {
+            if (PyObject* hit = PyDict_GetItemWithError(cache, key.get())) // borrowed
+                return Py_NewRef(hit);
+            PyErr_Clear();
+        }
+    }
+    PyObject* result = Py_CompileStringExFlags(code, "<string>", start, nullptr, -1);
+    if (result && key) {
+        if (PyDict_GET_SIZE(cache) >= cache_entries) PyDict_Clear(cache);
+        if (PyDict_SetItem(cache, key.get(), result) != 0) PyErr_Clear();
+    }
+    return result;
+}
+
 PyObject* run(const char* code, int start) {
     PyObject* globals = python_state.main_dict.get();
-    return PyRun_StringFlags(code, start, globals, globals, nullptr);
+    SmartPyObj compiledCode(compiled(code, start));
+    if (!compiledCode) return nullptr;
+    return PyEval_EvalCode(compiledCode.get(), globals, globals);
 }
 
 // Calls one of the helper module's cached functions with `text`; null with

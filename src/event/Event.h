@@ -13,7 +13,7 @@
 //   store it never touches the record again. A queue holds bare pointers and
 //   owns nothing.
 // - Locks: each queue's mutex guards only its deque; the notifier's mutex
-//   guards only the wake-up generation. No two of them are held together and
+//   guards only its sleepers' condition variable. No two of them are held together and
 //   none is held while a request is carried out.
 // - Waits cannot miss a wake-up: a waiter reads the notifier's generation
 //   before it looks at its state, and sleeps only while the generation is
@@ -81,14 +81,25 @@ public:
     std::uint64_t generation() const { return generation_.load(); }
     // Wakes every waiter; call after the state change is published.
     void notifyAll();
-    // Sleeps until a notification newer than `seen`, or until `bound` passes.
+    // Returns once a notification newer than `seen` has come, or `bound` has
+    // passed. It first watches the generation for up to `spin_bound` without
+    // sleeping: in a loop of calls the answer usually comes within
+    // microseconds, and a sleep and wake-up would cost several times that.
     void waitChange(std::uint64_t seen, std::chrono::microseconds bound);
+
+    static constexpr std::chrono::microseconds spin_bound{40};
 
     std::condition_variable cond;
     std::mutex mutex;
 
 private:
-    std::atomic<std::uint64_t> generation_{0}; // written under `mutex`
+    // A notifier bumps the generation, then looks at `sleepers_`; a waiter
+    // counts itself in `sleepers_` (under `mutex`), then looks at the
+    // generation. Both are sequentially consistent, so at least one of the
+    // two sees the other's write: either the waiter does not sleep, or the
+    // notifier takes the mutex and wakes it. Nobody asleep, no system call.
+    std::atomic<std::uint64_t> generation_{0};
+    std::atomic<int> sleepers_{0};
 };
 
 template <typename T>

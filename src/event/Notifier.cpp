@@ -1,16 +1,30 @@
 #include "Event.h"
 
+#include <thread>
+
 namespace pytarn::event {
 
 void Notifier::notifyAll() {
-    std::lock_guard<std::mutex> lock(mutex);
     generation_.fetch_add(1);
+    if (sleepers_.load() == 0) return;
+    std::lock_guard<std::mutex> lock(mutex);
     cond.notify_all();
 }
 
 void Notifier::waitChange(std::uint64_t seen, std::chrono::microseconds bound) {
+    using Clock = std::chrono::steady_clock;
+    const auto spin_until = Clock::now() + std::min(bound, spin_bound);
+    for (unsigned round = 1; generation_.load() == seen; ++round) {
+        // Clock reads are cheap but not free: look every few rounds.
+        if (round % 16 == 0 && Clock::now() >= spin_until) break;
+        if (round % 64 == 0) std::this_thread::yield(); // let a sharing thread run
+    }
+    if (generation_.load() != seen || bound <= spin_bound) return;
+
     std::unique_lock<std::mutex> lock(mutex);
-    cond.wait_for(lock, bound, [&] { return generation_.load() != seen; });
+    sleepers_.fetch_add(1);
+    cond.wait_for(lock, bound - spin_bound, [&] { return generation_.load() != seen; });
+    sleepers_.fetch_sub(1);
 }
 
 } // namespace pytarn::event
