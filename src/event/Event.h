@@ -88,6 +88,8 @@ public:
     void waitChange(std::uint64_t seen, std::chrono::microseconds bound);
 
     static constexpr std::chrono::microseconds spin_bound{40};
+    // Waiters asleep on the condition variable right now.
+    int sleepers() const { return sleepers_.load(); }
 
     std::condition_variable cond;
     std::mutex mutex;

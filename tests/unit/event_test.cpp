@@ -112,6 +112,52 @@ TEST(Notifier, NotificationAfterTheWaitStartsEndsItForEveryWaiter) {
     EXPECT_LT(Clock::now() - start, long_bound / 2);
 }
 
+TEST(Notifier, WaitersAlreadyAsleepAreWoken) {
+    Notifier notifier;
+    const auto seen = notifier.generation();
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 4; ++i)
+        waiters.emplace_back([&] { notifier.waitChange(seen, long_bound); });
+    while (notifier.sleepers() < 4) std::this_thread::yield();
+    const auto start = Clock::now();
+    notifier.notifyAll();
+    for (auto& waiter : waiters) waiter.join();
+    EXPECT_LT(Clock::now() - start, long_bound / 2);
+}
+
+// Two threads hand a turn back and forth, each waiting for the other's
+// notification: a single lost wake-up would cost a whole bound. Quick turns
+// are caught while the waiter watches; turns that take longer than that
+// (each player works a while first) find it asleep.
+void handOffs(int rounds, std::chrono::microseconds work) {
+    Notifier notifier;
+    std::atomic<int> turn{0};
+    auto play = [&](int me) {
+        for (int i = me; i < rounds; i += 2) {
+            for (;;) {
+                const auto seen = notifier.generation();
+                if (turn.load() == i) break;
+                notifier.waitChange(seen, long_bound);
+            }
+            for (const auto until = Clock::now() + work; Clock::now() < until;) {
+            }
+            turn.store(i + 1);
+            notifier.notifyAll();
+        }
+    };
+    const auto start = Clock::now();
+    std::thread other(play, 1);
+    play(0);
+    other.join();
+    EXPECT_EQ(turn.load(), rounds);
+    EXPECT_LT(Clock::now() - start, long_bound / 2);
+}
+
+TEST(Notifier, HandOffsLoseNoWakeUp) {
+    handOffs(20000, std::chrono::microseconds{0});
+    handOffs(2000, Notifier::spin_bound * 2);
+}
+
 TEST(Notifier, UnchangedGenerationWaitsOutItsBound) {
     Notifier notifier;
     const auto seen = notifier.generation();
