@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <new>
+#include <vector>
 
 using pytarn::printPythonError;
 using pytarn::SmartPyObj;
@@ -165,30 +167,49 @@ Tcl_Obj* toTcl(SmartPyObj value) {
 }
 
 Tcl_Obj* toTclList(SmartPyObj value) {
-    Tcl_Obj* list = Tcl_NewListObj(0, nullptr);
     DepthGuard guard;
-    if (!value || guard.tooDeep()) return list;
-    Py_ssize_t n = PyObject_Size(value.get());
+    if (!value || guard.tooDeep()) return Tcl_NewListObj(0, nullptr);
+    PyObject* sequence = value.get();
+    Py_ssize_t n = PyObject_Size(sequence);
     // A subclass's __len__ may claim more than it holds, and its __getitem__
     // invent items without end: the items held bound the count, as in list().
-    if (PyList_Check(value.get())) n = std::min(n, PyList_GET_SIZE(value.get()));
-    if (PyTuple_Check(value.get())) n = std::min(n, PyTuple_GET_SIZE(value.get()));
-    if (n < 1) return list;
+    if (PyList_Check(sequence)) n = std::min(n, PyList_GET_SIZE(sequence));
+    if (PyTuple_Check(sequence)) n = std::min(n, PyTuple_GET_SIZE(sequence));
+    if (n < 1) return Tcl_NewListObj(0, nullptr);
+    // Elements are gathered first and the list made in one call: appending
+    // one by one regrows Tcl's element array.
+    std::vector<Tcl_Obj*> elements;
+    try {
+        elements.reserve(static_cast<std::size_t>(n));
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+        return Tcl_NewListObj(0, nullptr);
+    }
+    const bool exactList = PyList_CheckExact(sequence);
+    const bool exactTuple = PyTuple_CheckExact(sequence);
     // A sequence may shrink while its items are converted (its own code runs
     // in __str__ of an item); stop at the first missing item.
     for (Py_ssize_t i = 0; i < n; ++i) {
-        if (!PySequence_Check(value.get())) break;
-        SmartPyObj item(PySequence_GetItem(value.get(), i));
-        if (!item) {
-            if (PyErr_ExceptionMatches(PyExc_IndexError)) PyErr_Clear();
-            break;
+        SmartPyObj item;
+        if (exactTuple) {
+            item = SmartPyObj::borrow(PyTuple_GET_ITEM(sequence, i));
+        } else if (exactList) {
+            if (i >= PyList_GET_SIZE(sequence)) break;
+            item = SmartPyObj::borrow(PyList_GET_ITEM(sequence, i));
+        } else {
+            if (!PySequence_Check(sequence)) break;
+            item = PySequence_GetItem(sequence, i);
+            if (!item) {
+                if (PyErr_ExceptionMatches(PyExc_IndexError)) PyErr_Clear();
+                break;
+            }
         }
-        Tcl_ListObjAppendElement(nullptr, list, toTcl(std::move(item)));
+        elements.push_back(toTcl(std::move(item)));
         // The first failed item fails the whole value: converting on would
         // run more Python code with an error pending.
         if (PyErr_Occurred()) break;
     }
-    return list;
+    return Tcl_NewListObj(static_cast<int>(elements.size()), elements.data());
 }
 
 Tcl_Obj* toTclDict(SmartPyObj value) {
@@ -217,6 +238,16 @@ Tcl_Obj* toTclDict(SmartPyObj value) {
 
 Tcl_Obj* toTclStr(SmartPyObj value) {
     if (!value) return toTcl("");
+    // A plain int that fits 64 bits becomes Tcl's own integer, whose text is
+    // the same decimal digits as its str(), without a Python str in between.
+    // (Not bool: a subclass whose str() is True or False.)
+    if (PyLong_CheckExact(value.get())) {
+        int overflow = 0;
+        const long long number = PyLong_AsLongLongAndOverflow(value.get(), &overflow);
+        if (!overflow && !(number == -1 && PyErr_Occurred()))
+            return Tcl_NewWideIntObj(static_cast<Tcl_WideInt>(number));
+        PyErr_Clear();
+    }
     // Text straight from the str's UTF-8 cache: no copy on the way to Tcl.
     PyObject* str = value.get();
     SmartPyObj converted;
