@@ -5,6 +5,7 @@
 #include "convert/PyErrors.h"
 #include "convert/TclConvert.h"
 
+#include <climits>
 #include <cstring>
 #include <string>
 
@@ -23,20 +24,28 @@ PyObject* compiled(const char* code, int start) {
     static PyObject* caches[2] = {PyDict_New(), PyDict_New()};
     PyObject* cache = caches[start == Py_eval_input ? 0 : 1];
     const std::size_t length = std::strlen(code);
-    SmartPyObj key;
-    if (cache && length <= cache_text_limit) {
-        key = PyUnicode_DecodeUTF8(code, static_cast<Py_ssize_t>(length), nullptr);
-        PyErr_Clear(); // text Python cannot decode compiles (and fails) uncached
-        if (key) {
-            if (PyObject* hit = PyDict_GetItemWithError(cache, key.get())) // borrowed
-                return Py_NewRef(hit);
-            PyErr_Clear();
-        }
+    // The text is Tcl's: characters beyond U+FFFF arrive as surrogate pairs,
+    // which Python's own UTF-8 decoder refuses. Text that cannot be read so
+    // (a NUL) is compiled as it stands and fails there.
+    SmartPyObj source;
+    if (length <= static_cast<std::size_t>(INT_MAX))
+        source = tcl_convert::fromTclText(code, static_cast<int>(length));
+    const char* utf8 = source ? PyUnicode_AsUTF8(source.get()) : nullptr;
+    if (!utf8) {
+        PyErr_Clear();
+        source.reset();
+        utf8 = code;
     }
-    PyObject* result = Py_CompileStringExFlags(code, "<string>", start, nullptr, -1);
-    if (result && key) {
+    const bool cached = cache && source && length <= cache_text_limit;
+    if (cached) {
+        if (PyObject* hit = PyDict_GetItemWithError(cache, source.get())) // borrowed
+            return Py_NewRef(hit);
+        PyErr_Clear();
+    }
+    PyObject* result = Py_CompileStringExFlags(utf8, "<string>", start, nullptr, -1);
+    if (result && cached) {
         if (PyDict_GET_SIZE(cache) >= cache_entries) PyDict_Clear(cache);
-        if (PyDict_SetItem(cache, key.get(), result) != 0) PyErr_Clear();
+        if (PyDict_SetItem(cache, source.get(), result) != 0) PyErr_Clear();
     }
     return result;
 }
@@ -52,7 +61,13 @@ PyObject* run(const char* code, int start) {
 // no error set when the module's attribute is not callable.
 PyObject* callShell(const SmartPyObj& function, const char* text) {
     if (!function || !PyCallable_Check(function.get())) return nullptr;
-    return PyObject_CallFunction(function.get(), "s", text);
+    const std::size_t length = std::strlen(text);
+    SmartPyObj argument;
+    if (length <= static_cast<std::size_t>(INT_MAX))
+        argument = tcl_convert::fromTclText(text, static_cast<int>(length));
+    // Text that is not Tcl's readable form fails as Python's decoder says.
+    if (!argument) return PyObject_CallFunction(function.get(), "s", text);
+    return PyObject_CallOneArg(function.get(), argument.get());
 }
 
 } // namespace
