@@ -29,8 +29,10 @@ proc readFile {path} {
 }
 
 # Runs SCRIPT in a new pytarnsh with the variant root ROOT ("" for the main one).
-# Returns a dict: code (exit status), stdout, stderr, ms (wall time from the start of
+# Returns a dict: code (exit status, or "hung" when it was killed after childBound
+# milliseconds), stdout, stderr, ms (wall time from the start of
 # SCRIPT to the end of the process: start-up, slow under sanitizers, is left out).
+set childBound 120000
 proc child {root script} {
     close [file tempfile startFile]
     set chan [file tempfile scriptFile]
@@ -41,20 +43,41 @@ proc child {root script} {
     }} $startFile]
     puts -nonewline $chan $script
     close $chan
-    close [file tempfile outFile]
     close [file tempfile errFile]
     set saved [array get ::env PYTARN_HOME]
     set ::env(PYTARN_HOME) [expr {$root eq "" ? "" : [file join $::rootsDir $root]}]
+    # The child's stdout is read through a pipe, which ends when the child does,
+    # so that a hung child is killed after a bound (code "hung") instead of
+    # hanging the suite.
+    set pipe [open |[list [info nameofexecutable] $scriptFile 2>$errFile] r]
+    fconfigure $pipe -blocking 0
+    set ::childEnded($pipe) 0
+    set ::childOut($pipe) ""
+    fileevent $pipe readable [list apply {{pipe} {
+        if {[catch {append ::childOut($pipe) [read $pipe]}] || [eof $pipe]} {
+            set ::childEnded($pipe) 1
+        }
+    }} $pipe]
+    set guard [after $::childBound [list set ::childEnded($pipe) hung]]
+    vwait ::childEnded($pipe)
+    after cancel $guard
+    set end [clock milliseconds]
     set code 0
-    if {[catch {exec [info nameofexecutable] $scriptFile >$outFile 2>$errFile} msg opts]} {
+    if {$::childEnded($pipe) eq "hung"} {
+        catch {exec kill -KILL {*}[pid $pipe]}
+        set code hung
+    }
+    fconfigure $pipe -blocking 1
+    if {[catch {close $pipe} msg opts] && $code ne "hung"} {
         lassign [dict get $opts -errorcode] kind pid status
         set code [expr {$kind eq "CHILDSTATUS" ? $status : $msg}]
     }
-    set end [clock milliseconds]
+    set stdout $::childOut($pipe)
+    unset ::childEnded($pipe) ::childOut($pipe)
     set start [string trim [readFile $startFile]]
     set result [dict create code $code ms [expr {$start eq "" ? -1 : $end - $start}] \
-                    stdout [readFile $outFile] stderr [readFile $errFile]]
-    file delete $scriptFile $startFile $outFile $errFile
+                    stdout $stdout stderr [readFile $errFile]]
+    file delete $scriptFile $startFile $errFile
     unset ::env(PYTARN_HOME)
     array set ::env $saved
     return $result
