@@ -3,7 +3,9 @@
 
 #include "convert/PyErrors.h"
 
+#include <filesystem>
 #include <iostream>
+#include <string>
 
 namespace pytarn {
 
@@ -11,7 +13,8 @@ namespace {
 
 // Routes sys.stdout and sys.stderr to the host's channels, makes `tcl` and
 // `TclError` built-in names and imports the host's helper module. Some lines
-// end in blanks; the text is kept exactly as hosts have always seen it.
+// end in blanks; the text is kept exactly as hosts have always seen it, but for the
+// channels' `encoding`, which the standard library reads (doctest, for one).
 const char* const bootstrap_script =
     "import sys, os\n"
     "for i,v in enumerate(sys.path):\n"
@@ -33,6 +36,7 @@ const char* const bootstrap_script =
     "tcl.TclError = TclError         \n"
     "TclMod.TclError = TclError      \n"
     "class _Channel():                    \n"
+    "    encoding = 'utf-8'\n"
     "    def __init__(self, write_func):  \n"
     "        self.write_func = write_func \n"
     "    def write(self, msg):            \n"
@@ -74,9 +78,14 @@ bool startInterpreter() {
     if (!PyStatus_Exception(status))
         status = PyConfig_SetString(&config, &config.home, L"python");
     config.module_search_paths_set = 1;
+    // Absolute already here, not only in sys.path: a subinterpreter starts from this
+    // configuration, perhaps after the working directory has changed.
+    std::error_code cwd_error;
+    std::wstring cwd = std::filesystem::current_path(cwd_error).wstring() + L"/";
     for (const wchar_t* entry : search_path) {
+        std::wstring path = cwd_error ? std::wstring(entry) : cwd + entry;
         if (!PyStatus_Exception(status))
-            status = PyWideStringList_Append(&config.module_search_paths, entry);
+            status = PyWideStringList_Append(&config.module_search_paths, path.c_str());
     }
     if (!PyStatus_Exception(status)) status = Py_InitializeFromConfig(&config);
     PyConfig_Clear(&config);

@@ -8,8 +8,10 @@ its embedded outcome is the rule's ("*" for any). "(tests run)" is the pattern f
 difference in the number of tests run."""
 
 # The reasons, one per way the bridge's interpreter differs from python3.11 -E.
-STREAMS = ("sys.stdout and sys.stderr are Tcl channels, not files: no fileno(), "
-           "no buffer, no encoding of their own")
+NO_STDLIB_DIR = ("the bridge's interpreter has no standard library directory of its own "
+                 "(sys._stdlib_dir is None): frozen modules have no __file__")
+NO_BYTECODE = ("the bridge's interpreter writes no bytecode (sys.dont_write_bytecode), "
+               "and tests that write .pyc files skip")
 
 GROUPS = {
     "test_json": (["test_json"], []),
@@ -36,6 +38,12 @@ GROUPS = {
     "test_subprocess": (["test_subprocess"], []),
     "test_traceback": (["test_traceback"], []),
     "test_exceptions": (["test_exceptions"], []),
-    "test_sys": (["test_sys"], []),
-    "test_importlib": (["test_importlib"], []),
+    "test_sys": (["test_sys"], [
+        ("test.test_sys.SysModuleTest.test_stdlib_dir", "error", NO_STDLIB_DIR),
+    ]),
+    "test_importlib": (["test_importlib"], [
+        ("test.test_importlib.frozen.*", "*", NO_STDLIB_DIR),
+        ("test.test_importlib.source.test_file_loader.*", "skip", NO_BYTECODE),
+        ("test.test_importlib.test_abc.*_SourceLoaderBytecodeTests.*", "skip", NO_BYTECODE),
+    ]),
 }

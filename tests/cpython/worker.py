@@ -9,6 +9,24 @@ import time
 import unittest
 
 
+class _TestMain:
+    """Stands for a module's test_main when it raises outside any test."""
+
+    failureException = AssertionError
+
+    def __init__(self, name):
+        self.name = name
+
+    def id(self):
+        return "%s.test_main" % self.name
+
+    def __str__(self):
+        return self.id()
+
+    def shortDescription(self):
+        return None
+
+
 class _Result(unittest.TextTestResult):
     """Keeps each test's outcome by id; passes are only counted."""
 
@@ -48,7 +66,7 @@ class _Result(unittest.TextTestResult):
 
 
 def run(names, out_path, executable=None):
-    """Runs the tests of the modules NAMES (dotted, under test.) as regrtest does by
+    """Runs the tests of the modules NAMES (dotted: test.test_json) as regrtest does by
     default, reports to sys.stderr, and writes the counts and outcomes to OUT_PATH.
     EXECUTABLE, when given, stands in for an empty sys.executable: inside the bridge
     there is no Python program, and many tests start one as a child process."""
@@ -65,9 +83,18 @@ def run(names, out_path, executable=None):
     support._run_suite = lambda suite: suite.run(result)
     result.startTestRun()
     for name in names:
-        module = importlib.import_module("test." + name)
+        try:
+            module = importlib.import_module(name)
+        except ModuleNotFoundError:
+            # A single test or class, as compare.py asks for to run one again.
+            unittest.defaultTestLoader.loadTestsFromName(name).run(result)
+            continue
         if hasattr(module, "test_main"):
-            module.test_main()
+            # test_main raises when its suites failed, or when its own checks did.
+            try:
+                module.test_main()
+            except Exception:
+                result.addError(_TestMain(name), sys.exc_info())
         else:
             unittest.defaultTestLoader.loadTestsFromModule(module).run(result)
     result.stopTestRun()
