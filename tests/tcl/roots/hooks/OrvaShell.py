@@ -1,18 +1,8 @@
 """A helper module whose capture hook misbehaves in the way `mode` names; tests set it."""
 
+from _minimal_shell import completeExpression, tabComplete, makeFunction  # noqa: F401
+
 mode = "callable"
-
-
-def completeExpression(text):
-    return 1
-
-
-def tabComplete(text):
-    return []
-
-
-def makeFunction(first, second):
-    return None
 
 
 class _RaisingFinalize:

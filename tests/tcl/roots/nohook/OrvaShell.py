@@ -1,13 +1,3 @@
 """A helper module without the capture hook: failures read "TypeName: value text"."""
 
-
-def completeExpression(text):
-    return 1
-
-
-def tabComplete(text):
-    return []
-
-
-def makeFunction(first, second):
-    return None
+from _minimal_shell import completeExpression, tabComplete, makeFunction  # noqa: F401

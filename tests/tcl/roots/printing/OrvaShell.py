@@ -1,16 +1,5 @@
 """A helper module that prints while it is imported, before any script runs."""
 
-
-def completeExpression(text):
-    return 1
-
-
-def tabComplete(text):
-    return []
-
-
-def makeFunction(first, second):
-    return None
-
+from _minimal_shell import completeExpression, tabComplete, makeFunction  # noqa: F401
 
 print("helper module imported")
