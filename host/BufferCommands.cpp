@@ -88,12 +88,8 @@ int bufferCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     int index = 0;
     if (Tcl_GetIndexFromObj(interp, objv[1], subcommands, "subcommand", 0, &index) != TCL_OK)
         return TCL_ERROR;
-    try {
-        return procs[index](interp, objc, objv);
-    } catch (const std::bad_alloc&) { // the store's copies of names and contents
-        Tcl_SetResult(interp, const_cast<char*>("out of memory"), TCL_STATIC);
-        return TCL_ERROR;
-    }
+    // The store copies names and contents.
+    return withoutExceptions(interp, [&] { return procs[index](interp, objc, objv); });
 }
 
 } // namespace

@@ -310,12 +310,7 @@ int consoleCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
         Tcl_WrongNumArgs(interp, 1, objv, nullptr);
         return TCL_ERROR;
     }
-    try {
-        return console(interp);
-    } catch (const std::bad_alloc&) {
-        Tcl_SetResult(interp, const_cast<char*>("out of memory"), TCL_STATIC);
-        return TCL_ERROR;
-    }
+    return withoutExceptions(interp, [&] { return console(interp); });
 }
 
 } // namespace
