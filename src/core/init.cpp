@@ -37,14 +37,19 @@ const char* const bootstrap_script =
     "TclMod.TclError = TclError      \n"
     "class _Channel():                    \n"
     "    encoding = 'utf-8'\n"
-    "    def __init__(self, write_func):  \n"
+    "    def __init__(self, write_func, name):\n"
     "        self.write_func = write_func \n"
-    "    def write(self, msg):            \n"
-    "        self.write_func(msg)         \n"
+    // The built-in itself, so that print calls it without a Python frame.
+    "        self.write = write_func      \n"
+    "        self._flush = 'catch {flush ' + name + '}'\n"
+    // Output does not wait for Tcl; flush does. Tcl evaluates the script only
+    // after everything printed before it has been written, and then empties
+    // its own channel buffer too, as flush does for a standalone Python.
+    "    _sync = staticmethod(TclMod.eval)\n"
     "    def flush(self):                 \n"
-    "        pass                         \n"
-    "sys.stdout = _Channel(tcl.stdout)\n"
-    "sys.stderr = _Channel(tcl.stderr)\n"
+    "        self._sync(self._flush)      \n"
+    "sys.stdout = _Channel(tcl.stdout, 'stdout')\n"
+    "sys.stderr = _Channel(tcl.stderr, 'stderr')\n"
     "del _Channel\n"
     "tcl.__swap = None\n"
     "from Orvanta import *\n"

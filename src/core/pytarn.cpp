@@ -41,7 +41,13 @@ constexpr std::chrono::milliseconds stop_poll{20};
 
 bool load_called = false; // main Tcl thread only
 
-void remove(ClientData) { python_thread.stop(); }
+void remove(ClientData) {
+    // What Python printed and Tcl has not written yet goes out while the
+    // channels are still open.
+    if (main_tcl_thread == Tcl_GetCurrentThread() && python_alive->load())
+        event::TclEventQueue::drainOutput();
+    python_thread.stop();
+}
 
 // Raises SystemExit in the code that the Python thread runs, again each time
 // that code catches it, until the thread ends. Runs on a thread of its own,

@@ -21,6 +21,7 @@
 #pragma once
 
 #include "../convert/SmartObj.h"
+#include "OutputQueue.h"
 
 #include <atomic>
 #include <chrono>
@@ -55,7 +56,8 @@ struct PyEvent {
 };
 
 // A request carried out on the main Tcl thread. Its shape says what it asks:
-// `script` evaluates, `output` writes, `variable` reads (or, with `value`,
+// `script` evaluates, `output` writes (only when EventMgr::output is full;
+// other output never waits), `variable` reads (or, with `value`,
 // writes) a global variable; none of them is a no-op.
 struct TclEvent {
     TclEvent() = default;
@@ -162,7 +164,14 @@ class TclEventQueue : public _LockedQueueT<TclEvent> {
 public:
     // Python thread: queue, make sure the Tcl event loop will drain, wake.
     void push(TclEvent* ev);
+    // Python thread: the Tcl thread has output to write; same wake-up as push.
+    static void outputWaiting();
+    // Writes the output waiting in EventMgr::output; whether there was any.
+    static bool drainOutput();
+    // Writes waiting output first, so that a thread's print is never
+    // overtaken by its next request.
     static void serviceEvent(TclEvent* ev);
+    // Writes waiting output or carries out one request; whether it did.
     bool serviceOneEvent();
     void serviceAllEvents();
     // Returns once `ev` is done, carrying out Tcl requests meanwhile.
@@ -182,6 +191,7 @@ public:
 
     PythonEventQueue python_queue;
     TclEventQueue tcl_queue;
+    OutputQueue output; // written by Python threads, drained by the Tcl thread
 };
 
 namespace tcl_c_api {

@@ -24,6 +24,14 @@ Tcl_Obj* outputScript(bool to_stderr) {
     return to_stderr ? err : out;
 }
 
+// Through puts, so that a host that redefines puts (a console window) gets
+// Python's output too. A trace on ::python::__buff sees each piece once.
+void writeOutput(bool to_stderr, const char* text) {
+    Tcl_SetVar(tcl_interp, "::python::__buff", tcl_convert::TclText(text).get(),
+               TCL_GLOBAL_ONLY);
+    Tcl_EvalObjEx(tcl_interp, outputScript(to_stderr), 0);
+}
+
 void complete(TclEvent* ev) {
     ev->done.store(true);
     notifier->notifyAll(); // `ev` may be gone from here on
@@ -61,13 +69,30 @@ void storeErrorCode(TclEvent* ev, int code) {
 
 void TclEventQueue::push(TclEvent* ev) {
     append(ev);
+    outputWaiting();
+}
+
+void TclEventQueue::outputWaiting() {
     tcl_c_api::addEvent();
     notifier->notifyAll();
+}
+
+bool TclEventQueue::drainOutput() {
+    if (!event_mgr->output.pending()) return false;
+    OutputQueue::Piece piece;
+    bool wrote = false;
+    while (event_mgr->output.take(&piece)) {
+        writeOutput(piece.to_stderr, piece.text.c_str());
+        wrote = true;
+    }
+    return wrote;
 }
 
 void TclEventQueue::serviceEvent(TclEvent* ev) {
     // Once shutdown has begun a requester may have abandoned its record, and
     // a script run here may itself begin shutdown: test before every touch.
+    if (!python_alive->load()) return;
+    drainOutput();
     if (!python_alive->load()) return;
     if (ev->script) {
         int code = Tcl_EvalEx(tcl_interp, tcl_convert::TclText(ev->script).get(), -1,
@@ -80,9 +105,7 @@ void TclEventQueue::serviceEvent(TclEvent* ev) {
         }
         if (ev->error.empty()) storeResult(ev, result);
     } else if (ev->output) {
-        Tcl_SetVar(tcl_interp, "::python::__buff", tcl_convert::TclText(ev->output).get(),
-                   TCL_GLOBAL_ONLY);
-        Tcl_EvalObjEx(tcl_interp, outputScript(ev->to_stderr), 0);
+        writeOutput(ev->to_stderr, ev->output);
         if (!python_alive->load()) return;
     } else if (ev->variable && ev->value) {
         Tcl_SetVar2Ex(tcl_interp, tcl_convert::TclText(ev->variable).get(), nullptr,
@@ -103,21 +126,37 @@ void TclEventQueue::serviceEvent(TclEvent* ev) {
 
 bool TclEventQueue::serviceOneEvent() {
     TclEvent* ev = pop();
-    if (!ev) return false;
+    if (!ev) return drainOutput();
     serviceEvent(ev);
     return true;
 }
 
 void TclEventQueue::serviceAllEvents() {
-    while (TclEvent* ev = pop()) serviceEvent(ev);
+    while (serviceOneEvent()) {
+    }
 }
 
 void TclEventQueue::waitFor(PyEvent* ev) {
     for (;;) {
         std::uint64_t seen = notifier->generation();
-        if (ev->done.load()) return;
-        if (serviceOneEvent()) continue;
-        notifier->waitChange(seen, wait_bound);
+        if (ev->done.load()) {
+            // What the request printed comes before whatever the caller does next.
+            drainOutput();
+            return;
+        }
+        if (TclEvent* request = pop()) {
+            serviceEvent(request);
+            continue;
+        }
+        std::chrono::microseconds bound = wait_bound;
+        if (event_mgr->output.pending()) {
+            bound = std::min(bound, event_mgr->output.dueIn());
+            if (bound.count() == 0) {
+                drainOutput();
+                continue;
+            }
+        }
+        notifier->waitChange(seen, bound);
     }
 }
 

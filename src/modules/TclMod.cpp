@@ -4,6 +4,7 @@
 #include "core/Bridge.h"
 #include "convert/TclConvert.h"
 
+#include <cstring>
 #include <iostream>
 
 namespace pytarn::python_api {
@@ -13,8 +14,31 @@ namespace {
 using event::TclEvent;
 
 PyObject* write(PyObject* args, bool to_stderr) {
+    // print calls this twice a line: the common case skips the general
+    // parser, which still gives every other argument its usual error.
     const char* text = nullptr;
-    if (!PyArg_ParseTuple(args, "s", &text)) return nullptr;
+    Py_ssize_t length = 0;
+    PyObject* only = PyTuple_GET_SIZE(args) == 1 ? PyTuple_GET_ITEM(args, 0) : nullptr;
+    if (only && PyUnicode_Check(only))
+        text = PyUnicode_AsUTF8AndSize(only, &length);
+    if (!text || std::strlen(text) != static_cast<std::size_t>(length)) {
+        PyErr_Clear();
+        if (!PyArg_ParseTuple(args, "s", &text)) return nullptr;
+        length = static_cast<Py_ssize_t>(std::strlen(text));
+    }
+    if (!python_alive->load()) Py_RETURN_NONE; // shutting down: Tcl takes no more
+    switch (event_mgr->output.append(to_stderr, text, static_cast<std::size_t>(length))) {
+    case event::OutputQueue::Appended::first:
+    case event::OutputQueue::Appended::filled:
+        event::TclEventQueue::outputWaiting();
+        Py_RETURN_NONE;
+    case event::OutputQueue::Appended::queued:
+        Py_RETURN_NONE;
+    case event::OutputQueue::Appended::full:
+        break;
+    }
+    // Tcl is not keeping up: this writer waits, and its text still comes
+    // after everything queued before it.
     TclEvent request;
     request.output = text;
     request.to_stderr = to_stderr;

@@ -214,3 +214,56 @@ TEST(EventMgrSpin, EndsAtOnceOnceShutdownHasBegun) {
     pytarn::tcl_interp = nullptr;
     Tcl_DeleteInterp(interp);
 }
+
+TEST(OutputQueue, KeepsOrderAndJoinsWritesToOneChannel) {
+    OutputQueue output;
+    EXPECT_FALSE(output.pending());
+    EXPECT_EQ(output.append(false, "a", 1), OutputQueue::Appended::first);
+    EXPECT_EQ(output.append(false, "bc", 2), OutputQueue::Appended::queued);
+    EXPECT_EQ(output.append(true, "err", 3), OutputQueue::Appended::queued);
+    EXPECT_EQ(output.append(false, "", 0), OutputQueue::Appended::queued);
+    EXPECT_TRUE(output.pending());
+
+    OutputQueue::Piece piece;
+    ASSERT_TRUE(output.take(&piece));
+    EXPECT_FALSE(piece.to_stderr);
+    EXPECT_EQ(piece.text, "abc");
+    ASSERT_TRUE(output.take(&piece));
+    EXPECT_TRUE(piece.to_stderr);
+    EXPECT_EQ(piece.text, "err");
+    ASSERT_TRUE(output.take(&piece));
+    EXPECT_EQ(piece.text, "");
+    EXPECT_FALSE(output.pending());
+    EXPECT_FALSE(output.take(&piece));
+    // Emptied: the next write must wake the Tcl thread again.
+    EXPECT_EQ(output.append(false, "x", 1), OutputQueue::Appended::first);
+}
+
+TEST(OutputQueue, IsDueWhenAPieceFillsAndRefusesPastItsLimit) {
+    OutputQueue output;
+    const std::string line(1000, 'x');
+    EXPECT_EQ(output.append(false, line.data(), line.size()), OutputQueue::Appended::first);
+    EXPECT_GT(output.dueIn().count(), 0);
+    EXPECT_LE(output.dueIn(), OutputQueue::delay);
+    std::size_t written = line.size();
+    int filled = 0;
+    for (;;) {
+        OutputQueue::Appended appended = output.append(false, line.data(), line.size());
+        if (appended == OutputQueue::Appended::full) break;
+        if (appended == OutputQueue::Appended::filled) ++filled;
+        written += line.size();
+    }
+    EXPECT_EQ(filled, 1); // the Tcl thread is woken once, not at every write
+    EXPECT_EQ(output.dueIn().count(), 0);
+    EXPECT_GE(written, OutputQueue::limit);
+    EXPECT_LT(written, OutputQueue::limit + line.size());
+
+    // Nothing refused was kept, nothing kept is lost, and taking makes room.
+    OutputQueue::Piece piece;
+    std::size_t taken = 0;
+    ASSERT_TRUE(output.take(&piece));
+    taken += piece.text.size();
+    EXPECT_NE(output.append(false, "y", 1), OutputQueue::Appended::full);
+    while (output.take(&piece)) taken += piece.text.size();
+    EXPECT_EQ(taken, written + 1);
+}
