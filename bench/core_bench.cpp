@@ -186,6 +186,27 @@ void BM_direct_condvar_round_trip(benchmark::State& state) {
     partner.join();
 }
 
+// The floor under any hand-off between two threads on this machine: one
+// cache line passed back and forth, both sides spinning on it, nothing else.
+void BM_line_round_trip(benchmark::State& state) {
+    std::atomic<int> turn{0}; // 1: the partner's, 0: ours, -1: partner stops
+    auto waitWhile = [&](int value) {
+        int now;
+        while ((now = turn.load()) == value) {
+        }
+        return now;
+    };
+    std::thread partner([&] {
+        while (waitWhile(0) == 1) turn.store(0);
+    });
+    for (auto _ : state) {
+        turn.store(1);
+        waitWhile(1);
+    }
+    turn.store(-1);
+    partner.join();
+}
+
 BENCHMARK(BM_fromTcl_list)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_direct_fromTcl_list)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_toTcl_list)->Unit(benchmark::kMillisecond);
@@ -194,6 +215,7 @@ BENCHMARK(BM_detachedCopy_list)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_direct_copy_list)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_notifier_round_trip)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_direct_condvar_round_trip)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_line_round_trip)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 } // namespace
 

@@ -221,6 +221,10 @@ def build_rows(raw, latency, memory, cpp, data):
             continue
         scale = 1e-3 if unit == "ms" else 1.0
         rows.append(Row("C", label, unit, value * scale, base * scale if base else None))
+    if "BM_line_round_trip" in cpp:
+        rows.append(Row("C", "one cache line passed there and back, 2 threads", "us",
+                        cpp["BM_line_round_trip"], None, "",
+                        None, "the floor under any crossing"))
     return rows
 
 

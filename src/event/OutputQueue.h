@@ -20,7 +20,7 @@
 
 namespace pytarn::event {
 
-class OutputQueue {
+class alignas(64) OutputQueue { // a line of its own, as the queues
 public:
     // One stretch of writes to the same channel, written to Tcl at once.
     struct Piece {
