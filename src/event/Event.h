@@ -115,26 +115,36 @@ private:
     std::atomic<int> sleepers_{0};
 };
 
+// A first-in first-out queue of bare pointers. The first few entries sit in
+// the same cache line as the lock, so that handing one request over moves
+// one line between the cores; a longer queue (many Python threads calling at
+// once) goes on in a deque behind them.
 template <typename T>
 class alignas(cache_line) _LockedQueueT {
 public:
     T* pop() {
         std::lock_guard<std::mutex> lock(mutex);
-        if (queue.empty()) return nullptr;
-        T* front = queue.front();
-        queue.pop_front();
+        if (near_count_ == 0) return nullptr;
+        T* front = near_[0];
+        takeNear(0);
         return front;
     }
     bool empty() {
         std::lock_guard<std::mutex> lock(mutex);
-        return queue.empty();
+        return near_count_ == 0;
     }
     // Takes `ev` out if it is still queued; true when it was.
     bool remove(T* ev) {
         std::lock_guard<std::mutex> lock(mutex);
-        for (auto it = queue.begin(); it != queue.end(); ++it) {
+        for (int i = 0; i < near_count_; ++i) {
+            if (near_[i] == ev) {
+                takeNear(i);
+                return true;
+            }
+        }
+        for (auto it = far_.begin(); it != far_.end(); ++it) {
             if (*it == ev) {
-                queue.erase(it);
+                far_.erase(it);
                 return true;
             }
         }
@@ -144,11 +154,32 @@ public:
 protected:
     void append(T* ev) {
         std::lock_guard<std::mutex> lock(mutex);
-        queue.push_back(ev);
+        if (near_count_ < near_size && far_.empty()) {
+            near_[near_count_++] = ev;
+        } else {
+            far_.push_back(ev);
+        }
     }
 
-    std::deque<T*> queue;
     std::mutex mutex;
+
+private:
+    // Closes the gap at `i` and moves the oldest of the rest forward: entries
+    // wait in `far_` only while `near_` is full.
+    void takeNear(int i) {
+        for (; i + 1 < near_count_; ++i) near_[i] = near_[i + 1];
+        if (far_.empty()) {
+            --near_count_;
+        } else {
+            near_[near_count_ - 1] = far_.front();
+            far_.pop_front();
+        }
+    }
+
+    static constexpr int near_size = 2;
+    int near_count_ = 0;   // guarded by mutex, as is everything below
+    T* near_[near_size] = {};
+    std::deque<T*> far_;
 };
 
 // Requests for Python; serviced by Python threads holding the interpreter lock.

@@ -50,6 +50,30 @@ TEST(LockedQueue, RemoveTakesOutOnlyAQueuedEntry) {
     EXPECT_FALSE(queue.remove(&a));
 }
 
+TEST(LockedQueue, KeepsOrderWhateverItsLengthAndWhicheverEntryIsRemoved) {
+    TestQueue<int> queue;
+    std::vector<int> items(12);
+    // Removing from the front, the middle and the back, at every length.
+    for (std::size_t length = 1; length <= items.size(); ++length) {
+        for (std::size_t gone = 0; gone < length; ++gone) {
+            for (std::size_t i = 0; i < length; ++i) queue.append(&items[i]);
+            EXPECT_TRUE(queue.remove(&items[gone]));
+            for (std::size_t i = 0; i < length; ++i) {
+                if (i != gone) {
+                    EXPECT_EQ(queue.pop(), &items[i]) << length << " " << gone;
+                }
+            }
+            EXPECT_TRUE(queue.empty());
+        }
+    }
+    // Appending while partly drained keeps the order too.
+    for (int i = 0; i < 5; ++i) queue.append(&items[i]);
+    EXPECT_EQ(queue.pop(), &items[0]);
+    for (int i = 5; i < 8; ++i) queue.append(&items[i]);
+    for (int i = 1; i < 8; ++i) EXPECT_EQ(queue.pop(), &items[i]);
+    EXPECT_EQ(queue.pop(), nullptr);
+}
+
 TEST(LockedQueue, ConcurrentProducersLoseNothingAndKeepTheirOrder) {
     constexpr int producers = 4, each = 2000;
     TestQueue<const int> queue;
