@@ -1,5 +1,7 @@
 #include "TclConvert.h"
 
+#include <vector>
+
 namespace tcl_convert {
 
 namespace {
@@ -13,17 +15,20 @@ Tcl_Obj* copyAt(Tcl_Obj* value, int level) {
         int count = 0;
         Tcl_Obj** elements = nullptr;
         Tcl_ListObjGetElements(nullptr, value, &count, &elements);
-        Tcl_Obj* list = Tcl_NewListObj(0, nullptr);
+        std::vector<Tcl_Obj*> copies;
+        copies.reserve(static_cast<std::size_t>(count));
         for (int i = 0; i < count; ++i) {
             Tcl_Obj* element = copyAt(elements[i], level + 1);
             if (!element) {
-                Tcl_IncrRefCount(list);
-                Tcl_DecrRefCount(list);
+                for (Tcl_Obj* copy : copies) {
+                    Tcl_IncrRefCount(copy);
+                    Tcl_DecrRefCount(copy);
+                }
                 return nullptr;
             }
-            Tcl_ListObjAppendElement(nullptr, list, element);
+            copies.push_back(element);
         }
-        return list;
+        return Tcl_NewListObj(count, copies.data());
     }
     if (value->typePtr == dictType()) {
         Tcl_Obj* dict = Tcl_NewDictObj();
@@ -47,6 +52,10 @@ Tcl_Obj* copyAt(Tcl_Obj* value, int level) {
         Tcl_DictObjDone(&search);
         return dict;
     }
+    // An integer without text stays one: making its text here would cost
+    // more than the whole copy, and converting the copy reads no text.
+    Tcl_WideInt integer = 0;
+    if (pureInteger(value, &integer)) return Tcl_NewWideIntObj(integer);
     int length = 0;
     const char* text = Tcl_GetStringFromObj(value, &length);
     return Tcl_NewStringObj(text, length);

@@ -123,6 +123,12 @@ const Tcl_ObjType* dictType() {
     return type;
 }
 
+bool pureInteger(Tcl_Obj* value, Tcl_WideInt* number) {
+    static const Tcl_ObjType* const type = Tcl_GetObjType("int");
+    return type && value->typePtr == type && !value->bytes &&
+           Tcl_GetWideIntFromObj(nullptr, value, number) == TCL_OK;
+}
+
 TclText::TclText(const char* utf8) : text_(utf8) {
     // Only four-byte sequences differ, and their lead bytes are 0xF0 and up.
     const char* p = utf8;
@@ -266,6 +272,8 @@ Tcl_Obj* toTcl(const char* text) { return Tcl_NewStringObj(TclText(text).get(), 
 SmartPyObj fromTcl(Tcl_Obj* value) {
     if (value->typePtr && value->typePtr == listType()) return fromTclList(value);
     if (value->typePtr && value->typePtr == dictType()) return fromTclDict(value);
+    Tcl_WideInt integer = 0;
+    if (pureInteger(value, &integer)) return SmartPyObj(PyLong_FromLongLong(integer));
     int length = 0;
     const char* text = Tcl_GetStringFromObj(value, &length);
     // Python reads the text up to a NUL; Tcl keeps NUL as 0xC0 0x80, so a
@@ -297,7 +305,7 @@ SmartPyObj fromTclList(Tcl_Obj* value) {
     int count = 0;
     Tcl_Obj** elements = nullptr;
     Tcl_ListObjGetElements(nullptr, value, &count, &elements);
-    SmartPyObj list(PyList_New(0));
+    SmartPyObj list(PyList_New(count));
     if (!list) {
         printPythonError();
         return SmartPyObj::none();
@@ -305,12 +313,15 @@ SmartPyObj fromTclList(Tcl_Obj* value) {
     for (int i = 0; i < count; ++i) {
         SmartPyObj item = fromTcl(elements[i]);
         if (!item && recursionPending()) return SmartPyObj();
-        if (!item || PyList_Append(list.get(), item.get()) != 0) {
+        if (!item) {
             if (!PyErr_Occurred())
                 PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
             printPythonError();
+            // What was converted so far; the empty slots go.
+            PyList_SetSlice(list.get(), i, count, nullptr);
             return list;
         }
+        PyList_SET_ITEM(list.get(), i, item.release());
     }
     return list;
 }

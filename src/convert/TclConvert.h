@@ -24,6 +24,9 @@ constexpr int max_depth = 1000;
 // Tcl value converts.
 const Tcl_ObjType* listType();
 const Tcl_ObjType* dictType();
+// True for an integer that Tcl computed and has not yet turned into text: its
+// text would be the plain decimal digits of `number`. Never gives it a text.
+bool pureInteger(Tcl_Obj* value, Tcl_WideInt* number);
 
 // Python to Tcl: lists and tuples become lists, dicts become dicts, the rest
 // its str() text. Failures leave the Python error set and yield empty parts.
@@ -69,8 +72,9 @@ SmartPyObj fromTclDict(Tcl_Obj* value);
 
 // A copy of `value` that shares no object with it, so that it can be handed
 // to another thread while Tcl goes on using the original. Lists and dicts are
-// copied element by element (they decide the conversion); everything else
-// becomes a plain string. Runs on the Tcl thread; needs no Python lock.
+// copied element by element (they decide the conversion); an integer without
+// text stays one; everything else becomes a plain string. Runs on the Tcl
+// thread; needs no Python lock.
 // Null when nesting exceeds max_depth.
 Tcl_Obj* detachedCopy(Tcl_Obj* value);
 

@@ -239,6 +239,28 @@ TEST_F(Convert, TclTextBecomesIntFloatOrStr) {
     EXPECT_EQ(pendingError(), "");
 }
 
+TEST_F(Convert, IntegersWithoutTextConvertAsTheirDigitsWouldAndGetNoText) {
+    for (Tcl_WideInt number : {Tcl_WideInt{0}, Tcl_WideInt{-15}, Tcl_WideInt{1} << 62,
+                               -(Tcl_WideInt{1} << 62) * 2}) {
+        SmartTclObj value(Tcl_NewWideIntObj(number));
+        EXPECT_EQ(repr(python(value.get())), std::to_string(number));
+        EXPECT_EQ(value.get()->bytes, nullptr);
+        SmartTclObj copy(detachedCopy(value.get()));
+        EXPECT_EQ(value.get()->bytes, nullptr);
+        EXPECT_EQ(repr(python(copy.get())), std::to_string(number));
+    }
+    // Once an integer has text, the text decides: Tcl reads "-017" as -15,
+    // the conversion rules leave it a str.
+    SmartTclObj octal(tclString("-017"));
+    Tcl_WideInt number = 0;
+    ASSERT_EQ(Tcl_GetWideIntFromObj(nullptr, octal.get(), &number), TCL_OK);
+    EXPECT_EQ(number, -15);
+    EXPECT_EQ(repr(python(octal.get())), "'-017'");
+    SmartTclObj copy(detachedCopy(octal.get()));
+    EXPECT_EQ(repr(python(copy.get())), "'-017'");
+    EXPECT_EQ(pendingError(), "");
+}
+
 TEST_F(Convert, TclListsAndDictsKeepTheirShape) {
     Tcl_Obj* pair[] = {Tcl_NewIntObj(1), tclString("a b")};
     SmartTclObj keepFirst(pair[0]), keepSecond(pair[1]);
@@ -324,7 +346,8 @@ TEST(DetachedCopy, SharesNoObjectAndKeepsTheShape) {
 
     SmartTclObj copy(detachedCopy(original.get()));
     std::set<Tcl_Obj*> copies;
-    EXPECT_EQ(shape(copy.get(), copies), "[s[ss]{s:[ss]}]");
+    // The integer, which has no text yet, stays an integer.
+    EXPECT_EQ(shape(copy.get(), copies), "[s[so]{s:[so]}]");
     EXPECT_EQ(text(copy), text(original));
     EXPECT_EQ(shared->refCount, sharedRefs);
     for (Tcl_Obj* obj : copies) {
