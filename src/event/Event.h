@@ -96,7 +96,18 @@ public:
     // passed. It first watches the generation for up to `spin_bound` without
     // sleeping: in a loop of calls the answer usually comes within
     // microseconds, and a sleep and wake-up would cost several times that.
-    void waitChange(std::uint64_t seen, std::chrono::microseconds bound);
+    void waitChange(std::uint64_t seen, std::chrono::microseconds bound) {
+        waitChange(seen, bound, [] { return false; });
+    }
+    // The same, but the watch also ends as soon as `ready()` is true. A
+    // waiter that watches the very thing it waits for (a record's `done`, its
+    // own queue) sees it one cache-line hop sooner than through the
+    // generation, which its partner bumps only afterwards. `ready` must be
+    // cheap and take no lock; it is never called while asleep.
+    template <typename Ready>
+    void waitChange(std::uint64_t seen, std::chrono::microseconds bound, Ready ready) {
+        if (watch(seen, bound, ready)) sleep(seen, bound);
+    }
 
     static constexpr std::chrono::microseconds spin_bound{40};
     // Waiters asleep on the condition variable right now.
@@ -106,6 +117,31 @@ public:
     std::mutex mutex;
 
 private:
+    // True when the watch ran out without a change: the caller should sleep.
+    template <typename Ready>
+    bool watch(std::uint64_t seen, std::chrono::microseconds bound, Ready ready) {
+        using Clock = std::chrono::steady_clock;
+        const auto until = Clock::now() + std::min(bound, spin_bound);
+        for (unsigned round = 1; generation_.load() == seen; ++round) {
+            if (ready()) return false;
+            // Clock reads are cheap but not free: look every few rounds. No
+            // sched_yield here: in a virtual machine it costs microseconds.
+            if (round % 16 == 0 && Clock::now() >= until) return bound > spin_bound;
+            cpuRelax();
+        }
+        return false;
+    }
+    void sleep(std::uint64_t seen, std::chrono::microseconds bound);
+    // Tells the core that this is a spin: it yields pipeline resources to a
+    // hyper-thread sibling and saves power, without leaving the thread.
+    static void cpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#elif defined(__aarch64__)
+        asm volatile("yield");
+#endif
+    }
+
     // A notifier bumps the generation, then looks at `sleepers_`; a waiter
     // counts itself in `sleepers_` (under `mutex`), then looks at the
     // generation. Both are sequentially consistent, so at least one of the
@@ -124,19 +160,22 @@ class alignas(cache_line) _LockedQueueT {
 public:
     T* pop() {
         std::lock_guard<std::mutex> lock(mutex);
-        if (near_count_ == 0) return nullptr;
+        if (nearCount() == 0) return nullptr;
         T* front = near_[0];
         takeNear(0);
         return front;
     }
     bool empty() {
         std::lock_guard<std::mutex> lock(mutex);
-        return near_count_ == 0;
+        return nearCount() == 0;
     }
+    // Without the lock, for a waiter's watch; exact only once the lock has
+    // been taken, which pop() does.
+    bool looksEmpty() const { return near_count_.load(std::memory_order_relaxed) == 0; }
     // Takes `ev` out if it is still queued; true when it was.
     bool remove(T* ev) {
         std::lock_guard<std::mutex> lock(mutex);
-        for (int i = 0; i < near_count_; ++i) {
+        for (int i = 0; i < nearCount(); ++i) {
             if (near_[i] == ev) {
                 takeNear(i);
                 return true;
@@ -154,8 +193,10 @@ public:
 protected:
     void append(T* ev) {
         std::lock_guard<std::mutex> lock(mutex);
-        if (near_count_ < near_size && far_.empty()) {
-            near_[near_count_++] = ev;
+        const int count = nearCount();
+        if (count < near_size && far_.empty()) {
+            near_[count] = ev;
+            near_count_.store(count + 1, std::memory_order_release);
         } else {
             far_.push_back(ev);
         }
@@ -167,17 +208,22 @@ private:
     // Closes the gap at `i` and moves the oldest of the rest forward: entries
     // wait in `far_` only while `near_` is full.
     void takeNear(int i) {
-        for (; i + 1 < near_count_; ++i) near_[i] = near_[i + 1];
+        const int count = nearCount();
+        for (; i + 1 < count; ++i) near_[i] = near_[i + 1];
         if (far_.empty()) {
-            --near_count_;
+            near_count_.store(count - 1, std::memory_order_release);
         } else {
-            near_[near_count_ - 1] = far_.front();
+            near_[count - 1] = far_.front();
             far_.pop_front();
         }
     }
+    int nearCount() const { return near_count_.load(std::memory_order_relaxed); }
 
     static constexpr int near_size = 2;
-    int near_count_ = 0;   // guarded by mutex, as is everything below
+    // Written under mutex, as is everything below; read without it only by
+    // looksEmpty. Entries wait in `far_` only while `near_` is full, so no
+    // entry in `near_` means an empty queue.
+    std::atomic<int> near_count_{0};
     T* near_[near_size] = {};
     std::deque<T*> far_;
 };

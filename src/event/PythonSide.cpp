@@ -39,7 +39,8 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
         }
         if (ev->done.load()) break;
         if (serviceOneEvent(&state)) continue;
-        notifier->waitChange(seen, wait_bound);
+        notifier->waitChange(seen, wait_bound,
+                             [&] { return ev->done.load() || !looksEmpty(); });
     }
     PyEval_RestoreThread(state);
 }

@@ -156,7 +156,7 @@ void TclEventQueue::waitFor(PyEvent* ev) {
                 continue;
             }
         }
-        notifier->waitChange(seen, bound);
+        notifier->waitChange(seen, bound, [&] { return ev->done.load() || !looksEmpty(); });
     }
 }
 
