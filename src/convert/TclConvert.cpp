@@ -163,6 +163,24 @@ SmartPyObj fromTclText(const char* text, int length) {
     return str;
 }
 
+namespace {
+
+// A plain int that fits 64 bits becomes Tcl's own integer, whose text is the
+// same decimal digits as its str(), without a Python str in between. (Not
+// bool: a subclass whose str() is True or False.) Null for anything else.
+inline Tcl_Obj* plainInteger(PyObject* value) {
+    if (!PyLong_CheckExact(value)) return nullptr;
+    int overflow = 0;
+    const long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
+    if (overflow || (number == -1 && PyErr_Occurred())) {
+        PyErr_Clear();
+        return nullptr;
+    }
+    return Tcl_NewWideIntObj(static_cast<Tcl_WideInt>(number));
+}
+
+} // namespace
+
 Tcl_Obj* toTcl(SmartPyObj value) {
     if (!value) return toTcl("");
     unsigned long flags = PyType_GetFlags(Py_TYPE(value.get()));
@@ -197,11 +215,17 @@ Tcl_Obj* toTclList(SmartPyObj value) {
     // in __str__ of an item); stop at the first missing item.
     for (Py_ssize_t i = 0; i < n; ++i) {
         SmartPyObj item;
-        if (exactTuple) {
-            item = SmartPyObj::borrow(PyTuple_GET_ITEM(sequence, i));
-        } else if (exactList) {
-            if (i >= PyList_GET_SIZE(sequence)) break;
-            item = SmartPyObj::borrow(PyList_GET_ITEM(sequence, i));
+        if (exactTuple || exactList) {
+            if (exactList && i >= PyList_GET_SIZE(sequence)) break;
+            PyObject* held = exactTuple ? PyTuple_GET_ITEM(sequence, i)
+                                        : PyList_GET_ITEM(sequence, i);
+            // Integers, the commonest items of large lists, without the
+            // general path's reference counting and type tests.
+            if (Tcl_Obj* number = plainInteger(held)) {
+                elements.push_back(number);
+                continue;
+            }
+            item = SmartPyObj::borrow(held);
         } else {
             if (!PySequence_Check(sequence)) break;
             item = PySequence_GetItem(sequence, i);
@@ -244,16 +268,7 @@ Tcl_Obj* toTclDict(SmartPyObj value) {
 
 Tcl_Obj* toTclStr(SmartPyObj value) {
     if (!value) return toTcl("");
-    // A plain int that fits 64 bits becomes Tcl's own integer, whose text is
-    // the same decimal digits as its str(), without a Python str in between.
-    // (Not bool: a subclass whose str() is True or False.)
-    if (PyLong_CheckExact(value.get())) {
-        int overflow = 0;
-        const long long number = PyLong_AsLongLongAndOverflow(value.get(), &overflow);
-        if (!overflow && !(number == -1 && PyErr_Occurred()))
-            return Tcl_NewWideIntObj(static_cast<Tcl_WideInt>(number));
-        PyErr_Clear();
-    }
+    if (Tcl_Obj* number = plainInteger(value.get())) return number;
     // Text straight from the str's UTF-8 cache: no copy on the way to Tcl.
     PyObject* str = value.get();
     SmartPyObj converted;
