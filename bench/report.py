@@ -117,8 +117,8 @@ def count_lines(path):
         return sum(chunk.count(b"\n") for chunk in iter(lambda: file.read(1 << 20), b""))
 
 
-def core_bench(data):
-    path = os.path.join(data, "core_bench.json")
+def core_bench(data, name="core_bench"):
+    path = os.path.join(data, name + ".json")
     if not os.path.exists(path):
         return {}
     with open(path) as file:
@@ -336,10 +336,17 @@ def main():
     load_end = load_average()
     header = (f"pytarn benchmark suite: {os.cpu_count()} cores, load average "
               f"{load_start} at start and {load_end} at end, {elapsed:.0f} s in all")
+    floors = [core_bench(data, "floor." + when).get("BM_line_round_trip")
+              for when in ("before", "after")]
+    if None not in floors:
+        header += ("\none cache line there and back between the two cores: "
+                   f"{floors[0]:.2f} us just before items 1-3, {floors[1]:.2f} us just after")
     text = table(rows, header)
     if problem:
         text += "\n\n" + problem
-    if load_start is not None and max(load_start, load_end or 0) > 1.0:
+    # The load at the end counts the suite's own busy threads; only the start tells
+    # whether something else was running.
+    if load_start is not None and load_start > 1.0:
         text += ("\n\nNote: other work was running on this machine (load average above 1): "
                  "timings are noisier than on an idle one.")
     print(text)
@@ -347,7 +354,9 @@ def main():
     results = {
         "generated": time.strftime("%Y-%m-%dT%H:%M:%S%z"),
         "machine": {"cores": os.cpu_count(), "load_average_start": load_start,
-                    "load_average_end": load_end, "kernel": platform.release()},
+                    "load_average_end": load_end, "kernel": platform.release(),
+                    "line_round_trip_us": {"before_calls": floors[0],
+                                           "after_calls": floors[1]}},
         "elapsed_seconds": round(elapsed, 1),
         "rows": [asdict(row) for row in rows],
         "baselines": BASELINES,
