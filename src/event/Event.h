@@ -250,8 +250,9 @@ class TclEventQueue : public _LockedQueueT<TclEvent> {
 public:
     // Python thread: queue, make sure the Tcl event loop will drain, wake.
     void push(TclEvent* ev);
-    // Python thread: the Tcl thread has output to write; same wake-up as push.
-    static void outputWaiting();
+    // Any thread: makes sure the Tcl thread looks at its queues, whether it
+    // waits for Python (a notification) or sits in its event loop (an event).
+    static void wake();
     // Writes the output waiting in EventMgr::output; whether there was any.
     static bool drainOutput();
     // Writes waiting output first, so that a thread's print is never

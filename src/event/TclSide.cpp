@@ -69,10 +69,10 @@ void storeErrorCode(TclEvent* ev, int code) {
 
 void TclEventQueue::push(TclEvent* ev) {
     append(ev);
-    outputWaiting();
+    wake();
 }
 
-void TclEventQueue::outputWaiting() {
+void TclEventQueue::wake() {
     tcl_c_api::addEvent();
     notifier->notifyAll();
 }

@@ -30,7 +30,7 @@ PyObject* write(PyObject* args, bool to_stderr) {
     switch (event_mgr->output.append(to_stderr, text, static_cast<std::size_t>(length))) {
     case event::OutputQueue::Appended::first:
     case event::OutputQueue::Appended::filled:
-        event::TclEventQueue::outputWaiting();
+        event::TclEventQueue::wake();
         Py_RETURN_NONE;
     case event::OutputQueue::Appended::queued:
         Py_RETURN_NONE;
