@@ -169,6 +169,10 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         return nearCount() == 0;
     }
+    std::size_t size() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return static_cast<std::size_t>(nearCount()) + far_.size();
+    }
     // Without the lock, for a waiter's watch; exact only once the lock has
     // been taken, which pop() does.
     bool looksEmpty() const { return near_count_.load(std::memory_order_relaxed) == 0; }
@@ -253,13 +257,14 @@ public:
     // Any thread: makes sure the Tcl thread looks at its queues, whether it
     // waits for Python (a notification) or sits in its event loop (an event).
     static void wake();
-    // Writes the output waiting in EventMgr::output; whether there was any.
+    // Writes the output waiting in EventMgr::output now; whether there was any.
     static bool drainOutput();
     // Writes waiting output first, so that a thread's print is never
     // overtaken by its next request.
     static void serviceEvent(TclEvent* ev);
-    // Writes waiting output or carries out one request; whether it did.
-    bool serviceOneEvent();
+    // Writes the output and carries out the requests that wait now. What
+    // comes meanwhile gets a new wake(), so that a thread that never stops
+    // printing cannot keep the Tcl thread here and its event loop starved.
     void serviceAllEvents();
     // Returns once `ev` is done, carrying out Tcl requests meanwhile.
     void waitFor(PyEvent* ev);

@@ -33,6 +33,11 @@ std::chrono::microseconds OutputQueue::dueIn() {
     return waited >= delay ? microseconds{0} : delay - waited;
 }
 
+std::size_t OutputQueue::pieces() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return pieces_.size();
+}
+
 bool OutputQueue::take(Piece* piece) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (pieces_.empty()) return false;

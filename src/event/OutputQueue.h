@@ -44,6 +44,8 @@ public:
     bool take(Piece* piece);
     // A cheap look, for waits that poll.
     bool pending() const { return pending_.load(); }
+    // How many pieces wait now.
+    std::size_t pieces();
 
     static constexpr std::size_t limit = std::size_t{1} << 20;
     static constexpr std::size_t piece_size = std::size_t{1} << 16;

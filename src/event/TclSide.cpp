@@ -79,9 +79,12 @@ void TclEventQueue::wake() {
 
 bool TclEventQueue::drainOutput() {
     if (!event_mgr->output.pending()) return false;
+    // What waits now, not what threads go on printing meanwhile: a slow
+    // channel must not keep the Tcl thread here for ever.
+    std::size_t count = event_mgr->output.pieces();
     OutputQueue::Piece piece;
     bool wrote = false;
-    while (event_mgr->output.take(&piece)) {
+    for (; count > 0 && event_mgr->output.take(&piece); --count) {
         writeOutput(piece.to_stderr, piece.text.c_str());
         wrote = true;
     }
@@ -124,16 +127,14 @@ void TclEventQueue::serviceEvent(TclEvent* ev) {
     complete(ev);
 }
 
-bool TclEventQueue::serviceOneEvent() {
-    TclEvent* ev = pop();
-    if (!ev) return drainOutput();
-    serviceEvent(ev);
-    return true;
-}
-
 void TclEventQueue::serviceAllEvents() {
-    while (serviceOneEvent()) {
+    drainOutput();
+    for (std::size_t waiting = size(); waiting > 0; --waiting) {
+        TclEvent* ev = pop();
+        if (!ev) break;
+        serviceEvent(ev);
     }
+    if (!empty() || event_mgr->output.pending()) wake();
 }
 
 void TclEventQueue::waitFor(PyEvent* ev) {
