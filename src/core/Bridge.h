@@ -46,6 +46,9 @@ public:
 
     std::thread thread;
     std::atomic<bool> alive{true};
+    // This process is a fork of the host (multiprocessing, os.fork): only the
+    // forking thread lives on, and no Tcl thread will ever serve a request.
+    std::atomic<bool> forked{false};
     std::atomic<bool> ready{false};
     std::atomic<bool> finished{false};        // run() will run no more Python
     std::atomic<unsigned long> python_ident{0}; // the thread's Python identity

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <iostream>
+#include <pthread.h>
 #include <system_error>
 
 namespace pytarn {
@@ -40,6 +41,13 @@ constexpr std::chrono::milliseconds stop_bound{1000};
 constexpr std::chrono::milliseconds stop_poll{20};
 
 bool load_called = false; // main Tcl thread only
+
+// In a forked child nothing can cross to Tcl any more: calls return at once,
+// as during shutdown, and output goes straight to the inherited descriptors.
+void afterForkInChild() {
+    python_thread.forked.store(true);
+    python_thread.alive.store(false);
+}
 
 void remove(ClientData) {
     // What Python printed and Tcl has not written yet goes out while the
@@ -165,6 +173,7 @@ extern "C" int load(Tcl_Interp* interp) {
     load_called = true;
 
     Tcl_CreateExitHandler(remove, nullptr);
+    pthread_atfork(nullptr, nullptr, afterForkInChild);
     tcl_interp = interp;
     main_tcl_thread = Tcl_GetCurrentThread();
     Tcl_CreateNamespace(interp, "::python", nullptr, nullptr);

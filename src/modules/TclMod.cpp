@@ -4,6 +4,8 @@
 #include "core/Bridge.h"
 #include "convert/TclConvert.h"
 
+#include "ForkedOutput.h"
+
 #include <cstring>
 #include <iostream>
 
@@ -26,6 +28,10 @@ PyObject* write(PyObject* args, bool to_stderr) {
         if (!PyArg_ParseTuple(args, "s", &text)) return nullptr;
         length = static_cast<Py_ssize_t>(std::strlen(text));
     }
+    if (python_thread.forked.load()) {
+        forked::write(to_stderr, text, static_cast<std::size_t>(length));
+        Py_RETURN_NONE;
+    }
     if (!python_alive->load()) Py_RETURN_NONE; // shutting down: Tcl takes no more
     switch (event_mgr->output.append(to_stderr, text, static_cast<std::size_t>(length))) {
     case event::OutputQueue::Appended::first:
@@ -47,6 +53,13 @@ PyObject* write(PyObject* args, bool to_stderr) {
     Py_RETURN_NONE;
 }
 
+// In a forked child a call to Tcl does nothing and returns None, as during
+// shutdown; what the child printed before it still comes out first, so that
+// flush() (which calls Tcl) works there too.
+void settleForkedOutput() {
+    if (python_thread.forked.load()) forked::flush();
+}
+
 } // namespace
 
 PyObject* _stdout(PyObject*, PyObject* args) { return write(args, false); }
@@ -54,6 +67,7 @@ PyObject* _stdout(PyObject*, PyObject* args) { return write(args, false); }
 PyObject* _stderr(PyObject*, PyObject* args) { return write(args, true); }
 
 PyObject* eval(PyObject*, PyObject* args) {
+    settleForkedOutput();
     const char* script = nullptr;
     if (!PyArg_ParseTuple(args, "s", &script)) return nullptr;
     TclEvent request;
@@ -62,6 +76,7 @@ PyObject* eval(PyObject*, PyObject* args) {
 }
 
 PyObject* get(PyObject*, PyObject* args) {
+    settleForkedOutput();
     const char* name = nullptr;
     if (!PyArg_ParseTuple(args, "s", &name)) return nullptr;
     TclEvent request;
@@ -70,6 +85,7 @@ PyObject* get(PyObject*, PyObject* args) {
 }
 
 PyObject* set(PyObject*, PyObject* args) {
+    settleForkedOutput();
     const char* name = nullptr;
     PyObject* value = nullptr;
     if (!PyArg_ParseTuple(args, "sO", &name, &value)) return nullptr;
