@@ -12,12 +12,17 @@
 //   thread writes the outcome, then stores `done`, then notifies; after the
 //   store it never touches the record again. A queue holds bare pointers and
 //   owns nothing.
-// - Locks: each queue's mutex guards only its deque; the notifier's mutex
-//   guards only its sleepers' condition variable. No two of them are held together and
-//   none is held while a request is carried out.
+// - Python's output does not wait: it is queued in EventMgr::output, and the
+//   Tcl thread writes it before anything else it does for Python (see
+//   OutputQueue.h). Only a writer that finds the queue full sends a request.
+// - Locks: each queue's mutex guards only its entries, the output queue's
+//   only its pieces; the notifier's mutex guards only its sleepers' condition
+//   variable. No two of them are held together and none is held while a
+//   request is carried out or output is written.
 // - Waits cannot miss a wake-up: a waiter reads the notifier's generation
 //   before it looks at its state, and sleeps only while the generation is
-//   unchanged. The timed bounds are a safety net, not a mechanism.
+//   unchanged. It may stop watching early when it sees its state change
+//   directly; the timed bounds are a safety net, not a mechanism.
 #pragma once
 
 #include "../convert/SmartObj.h"
