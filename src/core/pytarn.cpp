@@ -135,6 +135,7 @@ void PythonThread::run() {
 }
 
 void PythonThread::stop() {
+    if (forked.load()) return; // the thread was not copied into this child
     alive.store(false);
     notifier.notifyAll();
     if (!thread.joinable() || thread.get_id() == std::this_thread::get_id()) return;
