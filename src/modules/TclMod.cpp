@@ -15,6 +15,14 @@ namespace {
 
 using event::TclEvent;
 
+// Every call into Tcl goes through here. In a forked child it does nothing
+// and returns None, as during shutdown; what the child printed before still
+// comes out first, so that flush() (which calls Tcl) works there too.
+PyObject* cross(TclEvent* request) {
+    if (python_thread.forked.load()) forked::flush();
+    return event_mgr->spin(request);
+}
+
 PyObject* write(PyObject* args, bool to_stderr) {
     // print calls this twice a line: the common case skips the general
     // parser, which still gives every other argument its usual error.
@@ -48,16 +56,9 @@ PyObject* write(PyObject* args, bool to_stderr) {
     TclEvent request;
     request.output = text;
     request.to_stderr = to_stderr;
-    SmartPyObj result(event_mgr->spin(&request));
+    SmartPyObj result(cross(&request));
     if (!result) return nullptr;
     Py_RETURN_NONE;
-}
-
-// In a forked child a call to Tcl does nothing and returns None, as during
-// shutdown; what the child printed before it still comes out first, so that
-// flush() (which calls Tcl) works there too.
-void settleForkedOutput() {
-    if (python_thread.forked.load()) forked::flush();
 }
 
 } // namespace
@@ -67,25 +68,22 @@ PyObject* _stdout(PyObject*, PyObject* args) { return write(args, false); }
 PyObject* _stderr(PyObject*, PyObject* args) { return write(args, true); }
 
 PyObject* eval(PyObject*, PyObject* args) {
-    settleForkedOutput();
     const char* script = nullptr;
     if (!PyArg_ParseTuple(args, "s", &script)) return nullptr;
     TclEvent request;
     request.script = script;
-    return event_mgr->spin(&request);
+    return cross(&request);
 }
 
 PyObject* get(PyObject*, PyObject* args) {
-    settleForkedOutput();
     const char* name = nullptr;
     if (!PyArg_ParseTuple(args, "s", &name)) return nullptr;
     TclEvent request;
     request.variable = name;
-    return event_mgr->spin(&request);
+    return cross(&request);
 }
 
 PyObject* set(PyObject*, PyObject* args) {
-    settleForkedOutput();
     const char* name = nullptr;
     PyObject* value = nullptr;
     if (!PyArg_ParseTuple(args, "sO", &name, &value)) return nullptr;
@@ -93,7 +91,7 @@ PyObject* set(PyObject*, PyObject* args) {
     request.variable = name;
     request.value = tcl_convert::toTcl(SmartPyObj::borrow(value));
     if (PyErr_Occurred()) return nullptr; // not convertible: nothing is assigned
-    SmartPyObj result(event_mgr->spin(&request));
+    SmartPyObj result(cross(&request));
     if (!result) return nullptr;
     Py_RETURN_NONE;
 }
