@@ -6,8 +6,10 @@ namespace pytarnsh {
 
 namespace {
 
-// ::pytarn::createFunction FIRST ?SECOND?: returns createFunction's completion
-// code with the interpreter result it left; a missing SECOND is a null pointer.
+// ::pytarnsh::createFunction FIRST ?SECOND?: the exported C entry
+// createFunction for scripts (the package's own ::pytarn::createFunction does
+// not go through it). Returns the entry's completion code with the
+// interpreter result it left; a missing SECOND is a null pointer.
 int createFunctionCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc < 2 || objc > 3) {
         Tcl_WrongNumArgs(interp, 1, objv, "first ?second?");
@@ -19,7 +21,7 @@ int createFunctionCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]
 } // namespace
 
 void registerFunctionCommand(Tcl_Interp* interp) {
-    Tcl_CreateObjCommand(interp, "::pytarn::createFunction", createFunctionCmd, nullptr, nullptr);
+    Tcl_CreateObjCommand(interp, "::pytarnsh::createFunction", createFunctionCmd, nullptr, nullptr);
 }
 
 } // namespace pytarnsh

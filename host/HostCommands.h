@@ -1,4 +1,4 @@
-// Tcl commands of the reference host in the ::pytarn namespace, registered by
+// Tcl commands of the reference host in the ::pytarn and ::pytarnsh namespaces, registered by
 // pytarnsh before the bridge loads. All run on the main Tcl thread.
 #pragma once
 
@@ -20,7 +20,7 @@ int withoutExceptions(Tcl_Interp* interp, Body body) {
     }
 }
 
-// ::pytarn::createFunction FIRST ?SECOND?: the bridge's exported createFunction.
+// ::pytarnsh::createFunction FIRST ?SECOND?: the bridge's exported createFunction.
 void registerFunctionCommand(Tcl_Interp* interp);
 
 // ::pytarn::buffer create|get|delete|names: the host's data buffers.

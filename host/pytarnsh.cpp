@@ -66,6 +66,7 @@ int appInit(Tcl_Interp* interp) {
     if (Tcl_Init(interp) != TCL_OK)
         return TCL_ERROR;
     Tcl_CreateNamespace(interp, "::pytarn", nullptr, nullptr);
+    Tcl_CreateNamespace(interp, "::pytarnsh", nullptr, nullptr);
     pytarnsh::registerFunctionCommand(interp);
     pytarnsh::registerConsoleCommand(interp);
 #ifndef PYTARNSH_NO_BUFFERS

@@ -2,6 +2,7 @@
 #include "Bridge.h"
 
 #include "convert/PyErrors.h"
+#include "modules/PytarnMod.h"
 
 #include <filesystem>
 #include <iostream>
@@ -66,6 +67,7 @@ const wchar_t* const search_path[] = {L"python/lib", L"python/", L"python/bin/li
 bool startInterpreter() {
     PyImport_AppendInittab("TclMod", PyInit_TclMod);
     PyImport_AppendInittab("Orvanta", PyInit_Orvanta);
+    PyImport_AppendInittab("_pytarn", PyInit__pytarn);
 
     PyConfig config;
     PyConfig_InitPythonConfig(&config);
@@ -129,6 +131,8 @@ int init() {
         if (!PyErr_Occurred())
             python_state.make_function = PyObject_GetAttrString(shell, "makeFunction");
     }
+    // Steps after the bootstrap, which stays as hosts have always seen it.
+    if (!PyErr_Occurred()) attachCallFunctions();
     if (PyErr_Occurred()) {
         printPythonError();
         return 1;

@@ -1,5 +1,6 @@
 // The entry point, the Python thread's life and the process-wide globals.
 #include "Bridge.h"
+#include "PytarnCommands.h"
 
 #include "convert/PyErrors.h"
 
@@ -193,6 +194,9 @@ extern "C" int load(Tcl_Interp* interp) {
         notifier->waitChange(seen, load_wait_bound);
     }
     // Registered here, on the interpreter's own thread, once start-up is done.
-    if (python_thread.status == 0) registerCommands();
+    if (python_thread.status == 0) {
+        registerCommands();
+        registerCallCommands(interp);
+    }
     return python_thread.status;
 }

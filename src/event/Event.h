@@ -67,12 +67,17 @@ struct alignas(cache_line) PyEvent {
     // The failing exception's type name, which becomes the Tcl error code
     // "PYTHON <name>"; empty when the request did not fail in Python.
     std::string error_type;
+    // A TclError that came back uncaught from a failed Tcl call: its own
+    // -errorcode words, which Tcl then sees instead of "PYTHON TclError".
+    std::vector<std::string> error_code;
 };
 
 // A request carried out on the main Tcl thread. Its shape says what it asks:
-// `script` evaluates, `output` writes (only when EventMgr::output is full;
-// other output never waits), `variable` reads (or, with `value`,
-// writes) a global variable; none of them is a no-op.
+// `script` evaluates, `words` calls one command with those words, never
+// parsed, `output` writes (only when EventMgr::output is full; other output
+// never waits), `variable` reads (or, with `value`, writes) a global
+// variable, `action` runs a function of the requester's; none of them is a
+// no-op.
 struct alignas(cache_line) TclEvent {
     TclEvent() = default;
     TclEvent(const TclEvent&) = delete;
@@ -81,13 +86,23 @@ struct alignas(cache_line) TclEvent {
     const char* output = nullptr;   // not owned; lives as long as the call
     const char* script = nullptr;   // not owned
     const char* variable = nullptr; // not owned
+    // Unshared objects, one reference each, which pass to the Tcl thread
+    // with the request: it gives them back itself, since Tcl may keep them
+    // (`set x` stores its word). The array is the requester's.
+    Tcl_Obj* const* words = nullptr;
     SmartTclObj value;              // value to assign, unshared
     SmartTclObj result;             // a detached copy of the Tcl result
+    int word_count = 0;
     bool to_stderr = false;
     bool too_deep = false;          // the result was nested too deeply to copy
     std::atomic<bool> done{false};
     std::string error;              // non-empty exactly when the request failed
     std::vector<std::string> error_code; // the failure's -errorcode, word by word
+    std::string error_info;              // and its -errorinfo
+    // Runs on the Tcl thread with the record; it reports through the
+    // outcome fields (TclEventQueue::storeFailure for a failure).
+    void (*action)(TclEvent* ev) = nullptr;
+    void* context = nullptr; // the action's, not owned
 };
 
 // The one wake-up channel shared by every waiter of both directions.
@@ -267,6 +282,9 @@ public:
     // Writes waiting output first, so that a thread's print is never
     // overtaken by its next request.
     static void serviceEvent(TclEvent* ev);
+    // Records the interpreter's failure `code` (its result, -errorcode and
+    // -errorinfo) as the outcome of `ev`. Tcl thread.
+    static void storeFailure(TclEvent* ev, int code);
     // Writes the output and carries out the requests that wait now. What
     // comes meanwhile gets a new wake(), so that a thread that never stops
     // printing cannot keep the Tcl thread here and its event loop starved.

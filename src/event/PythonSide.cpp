@@ -75,8 +75,14 @@ PyObject* EventMgr::postProcess(TclEvent* ev) {
                 PyTuple_SET_ITEM(code.get(), static_cast<Py_ssize_t>(i), text);
             }
         }
-        if (!error || !code ||
-            PyObject_SetAttrString(error.get(), "errorcode", code.get()) != 0)
+        // And Tcl's own -errorinfo (its stack trace) as `errorinfo`, and the
+        // message again as `result`, the interpreter result of the failure.
+        SmartPyObj info(PyUnicode_DecodeUTF8(
+            ev->error_info.data(), static_cast<Py_ssize_t>(ev->error_info.size()), "replace"));
+        if (!error || !code || !info ||
+            PyObject_SetAttrString(error.get(), "errorcode", code.get()) != 0 ||
+            PyObject_SetAttrString(error.get(), "errorinfo", info.get()) != 0 ||
+            PyObject_SetAttrString(error.get(), "result", message.get()) != 0)
             return nullptr;
         PyErr_SetObject(type, error.get());
         return nullptr;

@@ -4,6 +4,9 @@
 #include "convert/PyErrors.h"
 #include "convert/TclConvert.h"
 
+#include <string>
+#include <vector>
+
 namespace pytarn::event {
 
 namespace {
@@ -49,6 +52,33 @@ std::string formattedMessage(PyObject* type, PyObject* value) {
     return typeName(type) + ": " + valueText;
 }
 
+// The -errorcode words that a TclError from a failed Tcl call carries (a
+// tuple of str); empty for any other exception. Leaves no error set.
+std::vector<std::string> tclErrorCode(PyObject* value) {
+    std::vector<std::string> words;
+    PyObject* tclError = python_state.tcl_error.get();
+    if (!value || !tclError || PyObject_IsInstance(value, tclError) != 1) {
+        PyErr_Clear();
+        return words;
+    }
+    SmartPyObj code(PyObject_GetAttrString(value, "errorcode"));
+    if (code && PyTuple_Check(code.get())) {
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(code.get()); ++i) {
+            PyObject* word = PyTuple_GET_ITEM(code.get(), i);
+            Py_ssize_t length = 0;
+            const char* text = PyUnicode_Check(word) ? PyUnicode_AsUTF8AndSize(word, &length)
+                                                     : nullptr;
+            if (!text) {
+                words.clear();
+                break;
+            }
+            words.emplace_back(text, static_cast<std::size_t>(length));
+        }
+    }
+    PyErr_Clear();
+    return words;
+}
+
 // Fills the request's failure outcome from the pending Python error and
 // leaves no error set.
 void reportFailure(PyEvent* ev) {
@@ -56,8 +86,10 @@ void reportFailure(PyEvent* ev) {
     PyObject* value = nullptr;
     PyObject* traceback = nullptr;
     PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
     std::string message;
     ev->error_type = typeName(type);
+    ev->error_code = tclErrorCode(value);
     SmartPyObj finalizer = captureFinalizer();
     if (finalizer && PyErr_GivenExceptionMatches(type, PyExc_SystemExit)) {
         // The host exits on its own thread, through Tcl, so that its exit

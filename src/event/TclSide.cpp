@@ -43,26 +43,19 @@ void storeResult(TclEvent* ev, Tcl_Obj* value) {
     ev->too_deep = !ev->result;
 }
 
-// The -errorcode of the failure just reported, as plain text words: Python
-// sees them as TclError.errorcode.
-void storeErrorCode(TclEvent* ev, int code) {
-    Tcl_Obj* options = Tcl_GetReturnOptions(tcl_interp, code);
-    Tcl_IncrRefCount(options);
-    Tcl_Obj* errorCode = nullptr;
-    Tcl_Obj* key = Tcl_NewStringObj("-errorcode", -1);
+// The text of one entry of the return options; empty when it is not there.
+Tcl_Obj* optionEntry(Tcl_Obj* options, const char* name) {
+    Tcl_Obj* key = Tcl_NewStringObj(name, -1);
     Tcl_IncrRefCount(key);
-    int count = 0;
-    Tcl_Obj** words = nullptr;
-    if (Tcl_DictObjGet(nullptr, options, key, &errorCode) == TCL_OK && errorCode &&
-        Tcl_ListObjGetElements(nullptr, errorCode, &count, &words) == TCL_OK) {
-        for (int i = 0; i < count; ++i) {
-            int length = 0;
-            const char* text = Tcl_GetStringFromObj(words[i], &length);
-            ev->error_code.emplace_back(text, static_cast<std::size_t>(length));
-        }
-    }
+    Tcl_Obj* entry = nullptr;
+    if (Tcl_DictObjGet(nullptr, options, key, &entry) != TCL_OK) entry = nullptr;
     Tcl_DecrRefCount(key);
-    Tcl_DecrRefCount(options);
+    return entry;
+}
+
+// Gives every word back: the requester handed its references over.
+void releaseWords(TclEvent* ev) {
+    for (int i = 0; i < ev->word_count; ++i) Tcl_DecrRefCount(ev->words[i]);
 }
 
 } // namespace
@@ -91,6 +84,30 @@ bool TclEventQueue::drainOutput() {
     return wrote;
 }
 
+// The failure just reported, as plain text: Python sees the -errorcode
+// words as TclError.errorcode and the -errorinfo as TclError.errorinfo.
+void TclEventQueue::storeFailure(TclEvent* ev, int code) {
+    ev->error = Tcl_GetStringResult(tcl_interp);
+    Tcl_Obj* options = Tcl_GetReturnOptions(tcl_interp, code);
+    Tcl_IncrRefCount(options);
+    int count = 0;
+    Tcl_Obj** words = nullptr;
+    Tcl_Obj* errorCode = optionEntry(options, "-errorcode");
+    if (errorCode && Tcl_ListObjGetElements(nullptr, errorCode, &count, &words) == TCL_OK) {
+        for (int i = 0; i < count; ++i) {
+            int length = 0;
+            const char* text = Tcl_GetStringFromObj(words[i], &length);
+            ev->error_code.emplace_back(text, static_cast<std::size_t>(length));
+        }
+    }
+    if (Tcl_Obj* info = optionEntry(options, "-errorinfo")) {
+        int length = 0;
+        const char* text = Tcl_GetStringFromObj(info, &length);
+        ev->error_info.assign(text, static_cast<std::size_t>(length));
+    }
+    Tcl_DecrRefCount(options);
+}
+
 void TclEventQueue::serviceEvent(TclEvent* ev) {
     // Once shutdown has begun a requester may have abandoned its record, and
     // a script run here may itself begin shutdown: test before every touch.
@@ -102,11 +119,19 @@ void TclEventQueue::serviceEvent(TclEvent* ev) {
                               TCL_EVAL_GLOBAL);
         if (!python_alive->load()) return;
         Tcl_Obj* result = Tcl_GetObjResult(tcl_interp);
-        if (code != TCL_OK) {
-            ev->error = Tcl_GetString(result);
-            storeErrorCode(ev, code);
-        }
+        if (code != TCL_OK) storeFailure(ev, code);
         if (ev->error.empty()) storeResult(ev, result);
+    } else if (ev->words) {
+        // Words go to the command as they are: no substitution, no parsing.
+        int code = Tcl_EvalObjv(tcl_interp, ev->word_count, const_cast<Tcl_Obj**>(ev->words),
+                                TCL_EVAL_GLOBAL);
+        if (!python_alive->load()) return; // the words are left to the process's end
+        if (code != TCL_OK) storeFailure(ev, code);
+        if (ev->error.empty()) storeResult(ev, Tcl_GetObjResult(tcl_interp));
+        releaseWords(ev);
+    } else if (ev->action) {
+        ev->action(ev);
+        if (!python_alive->load()) return;
     } else if (ev->output) {
         writeOutput(ev->to_stderr, ev->output);
         if (!python_alive->load()) return;
@@ -120,8 +145,7 @@ void TclEventQueue::serviceEvent(TclEvent* ev) {
         if (value) {
             storeResult(ev, value);
         } else {
-            ev->error = Tcl_GetStringResult(tcl_interp);
-            storeErrorCode(ev, TCL_ERROR);
+            storeFailure(ev, TCL_ERROR);
         }
     }
     complete(ev);
@@ -179,6 +203,16 @@ int EventMgr::postProcess(PyEvent* ev) {
         Tcl_SetObjResult(tcl_interp, ev->result.get());
     } else {
         Tcl_ResetResult(tcl_interp);
+    }
+    // A failed Tcl call that Python left uncaught keeps its own -errorcode,
+    // so that a script's trap sees through the round trip.
+    if (ev->status == TCL_ERROR && !ev->error_code.empty()) {
+        Tcl_Obj* words = Tcl_NewListObj(0, nullptr);
+        for (const std::string& word : ev->error_code)
+            Tcl_ListObjAppendElement(nullptr, words,
+                                     Tcl_NewStringObj(word.data(), static_cast<int>(word.size())));
+        Tcl_SetObjErrorCode(tcl_interp, words);
+        return ev->status;
     }
     // Scripts dispatch on the exception type: trap {PYTHON ZeroDivisionError}.
     if (ev->status == TCL_ERROR && !ev->error_type.empty()) {

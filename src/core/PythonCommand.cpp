@@ -1,0 +1,298 @@
+// Tcl commands that call Python callables: one crossing per call, with the
+// words as arguments and nothing compiled at call time.
+#include "PythonCommand.h"
+
+#include "convert/TclConvert.h"
+
+#include <cstring>
+#include <new>
+
+namespace pytarn {
+
+namespace {
+
+// A lambda without defaults evaluates to the same function every time: it
+// is evaluated once. Other expressions may name something that changes, so
+// they are evaluated at each call.
+bool isPlainLambda(const char* expression, PyObject* value) {
+    if (std::strncmp(expression, "lambda", 6) != 0) return false;
+    const char next = expression[6];
+    if (next != ' ' && next != ':' && next != '\t' && next != '\n') return false;
+    return PyFunction_Check(value) && !PyFunction_GetDefaults(value) &&
+           !PyFunction_GetKwDefaults(value) && !PyFunction_GetClosure(value);
+}
+
+// Whether a name of the path is a keyword (`None`, `True`): then it is an
+// expression after all.
+bool holdsKeyword(const std::vector<SmartPyObj>& names) {
+    SmartPyObj module(PyImport_ImportModule("keyword"));
+    SmartPyObj test(module ? PyObject_GetAttrString(module.get(), "iskeyword") : nullptr);
+    bool found = false;
+    for (const SmartPyObj& name : names) {
+        SmartPyObj answer(test ? PyObject_CallOneArg(test.get(), name.get()) : nullptr);
+        if (answer && PyObject_IsTrue(answer.get()) == 1) found = true;
+    }
+    PyErr_Clear();
+    return found;
+}
+
+// The text of a Tcl word as Python's str, or null with ValueError set.
+SmartPyObj pythonText(const char* text) {
+    SmartPyObj str = tcl_convert::fromTclText(text, static_cast<int>(std::strlen(text)));
+    if (!str && !PyErr_Occurred())
+        PyErr_Format(PyExc_ValueError, "not a text Python can read: \"%s\"", text);
+    return str;
+}
+
+} // namespace
+
+std::vector<SmartPyObj> splitPath(const char* path) {
+    std::vector<SmartPyObj> names;
+    SmartPyObj text = pythonText(path);
+    if (!text) return names;
+    SmartPyObj parts(PyUnicode_Split(text.get(), nullptr, -1));
+    SmartPyObj dot(PyUnicode_FromString("."));
+    if (parts && PyList_GET_SIZE(parts.get()) == 1) parts = PyUnicode_Split(text.get(), dot.get(), -1);
+    else parts.reset(); // blanks: not a path
+    if (!parts) {
+        if (!PyErr_Occurred())
+            PyErr_Format(PyExc_ValueError, "not a dotted name: \"%s\"", path);
+        return names;
+    }
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(parts.get()); ++i) {
+        PyObject* name = PyList_GET_ITEM(parts.get(), i);
+        if (!PyUnicode_IsIdentifier(name)) {
+            names.clear();
+            PyErr_Format(PyExc_ValueError, "not a dotted name: \"%s\"", path);
+            return names;
+        }
+        names.push_back(SmartPyObj::borrow(name));
+    }
+    return names;
+}
+
+namespace {
+
+// A new reference to the global `name` of __main__, else the built-in of
+// that name; null with NameError set.
+PyObject* lookUpName(PyObject* name) {
+    PyObject* found = python_state.main_dict
+                          ? PyDict_GetItemWithError(python_state.main_dict.get(), name)
+                          : nullptr;
+    if (!found && !PyErr_Occurred()) {
+        PyObject* builtins = PyEval_GetBuiltins();
+        found = builtins ? PyDict_GetItemWithError(builtins, name) : nullptr;
+    }
+    if (!found && !PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", name);
+    return Py_XNewRef(found);
+}
+
+} // namespace
+
+PyObject* lookUpPath(const std::vector<SmartPyObj>& names) {
+    if (names.empty()) {
+        PyErr_SetString(PyExc_ValueError, "an empty name");
+        return nullptr;
+    }
+    SmartPyObj value(lookUpName(names.front().get()));
+    for (std::size_t i = 1; value && i < names.size(); ++i)
+        value = PyObject_GetAttr(value.get(), names[i].get());
+    return value.release();
+}
+
+PyObject* lookUpDotted(const char* path, int length) {
+    const char* const end = path + length;
+    SmartPyObj value;
+    for (const char* start = path;;) {
+        const char* dot = static_cast<const char*>(std::memchr(start, '.', end - start));
+        if (!dot) dot = end;
+        SmartPyObj name = tcl_convert::fromTclText(start, static_cast<int>(dot - start));
+        if (!name || !PyUnicode_IsIdentifier(name.get())) {
+            if (!PyErr_Occurred())
+                PyErr_Format(PyExc_ValueError, "not a dotted name: \"%s\"", path);
+            return nullptr;
+        }
+        value = start == path ? lookUpName(name.get()) : PyObject_GetAttr(value.get(), name.get());
+        if (!value || dot == end) return value.release();
+        start = dot + 1;
+    }
+}
+
+PythonCommand* PythonCommand::forCallable(PyObject* callable) {
+    auto* command = new (std::nothrow) PythonCommand;
+    if (!command) {
+        PyErr_NoMemory();
+        return nullptr;
+    }
+    command->callable_ = SmartPyObj::borrow(callable);
+    return command;
+}
+
+PythonCommand* PythonCommand::forExpression(const char* name, const char* expression) {
+    SmartPyObj text = pythonText(expression);
+    if (text) text = PyObject_CallMethod(text.get(), "strip", nullptr);
+    const char* stripped = text ? PyUnicode_AsUTF8(text.get()) : nullptr;
+    if (!stripped) return nullptr;
+    SmartPyObj code;
+    std::vector<SmartPyObj> path;
+    SmartPyObj value;
+    if (!*stripped) {
+        // No expression: the global of the command's own name.
+        SmartPyObj key = pythonText(name);
+        if (!key) return nullptr;
+        path.push_back(std::move(key));
+        value = lookUpPath(path);
+    } else {
+        // A plain dotted name is looked up at each call, not evaluated.
+        path = splitPath(stripped);
+        if (!path.empty() && holdsKeyword(path)) path.clear();
+        if (path.empty()) {
+            PyErr_Clear();
+            std::string file = "<function " + std::string(name) + ">";
+            code = Py_CompileStringExFlags(stripped, file.c_str(), Py_eval_input, nullptr, -1);
+            if (!code) return nullptr;
+            PyObject* globals = python_state.main_dict.get();
+            value = PyEval_EvalCode(code.get(), globals, globals);
+        } else {
+            value = lookUpPath(path);
+        }
+    }
+    if (!value) return nullptr;
+    if (!PyCallable_Check(value.get())) {
+        PyErr_Format(PyExc_TypeError, "'%s' is not callable: it is %R", stripped, value.get());
+        return nullptr;
+    }
+    auto* command = new (std::nothrow) PythonCommand;
+    if (!command) {
+        PyErr_NoMemory();
+        return nullptr;
+    }
+    if (code && isPlainLambda(stripped, value.get())) {
+        command->callable_ = std::move(value);
+    } else if (code) {
+        command->code_ = std::move(code);
+    } else {
+        command->path_ = std::move(path);
+    }
+    return command;
+}
+
+bool PythonCommand::install(Tcl_Interp* interp, const char* name) {
+    if (!Tcl_CreateObjCommand(interp, name, invoke, this, deleted)) {
+        Tcl_SetObjResult(interp, Tcl_ObjPrintf("cannot create command \"%s\"", name));
+        return false;
+    }
+    return true;
+}
+
+void PythonCommand::releasePython() {
+    callable_.reset();
+    code_.reset();
+    path_.clear();
+}
+
+int PythonCommand::invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    auto* command = static_cast<PythonCommand*>(data);
+    // A call may delete its own command (or the interpreter); the record
+    // stays until the last call in progress has returned.
+    ++command->running_;
+    int code = TCL_ERROR;
+    try {
+        CallWords words(objc - 1, objv + 1);
+        event::PyEvent request([command, &words]() -> PyObject* {
+            SmartPyObj target;
+            if (command->callable_) {
+                target = command->callable_;
+            } else if (command->code_) {
+                PyObject* globals = python_state.main_dict.get();
+                target = PyEval_EvalCode(command->code_.get(), globals, globals);
+            } else {
+                target = lookUpPath(command->path_);
+            }
+            return target ? words.callWith(target.get()) : nullptr;
+        });
+        code = event_mgr->spin(&request);
+    } catch (const std::bad_alloc&) {
+        Tcl_SetResult(interp, const_cast<char*>("out of memory"), TCL_STATIC);
+    }
+    command->unhold();
+    return code;
+}
+
+void PythonCommand::deleted(void* data) {
+    auto* command = static_cast<PythonCommand*>(data);
+    command->deleted_ = true;
+    ++command->running_;
+    command->unhold();
+}
+
+void PythonCommand::unhold() {
+    if (--running_ > 0 || !deleted_) return;
+    // The callable goes back to Python now, on a Python thread, so that its
+    // release (and any __del__ it runs) happens when the command goes. Once
+    // Python has stopped there is no thread to do it: it is left to the
+    // process's end.
+    if (pythonRunning()) {
+        Tcl_InterpState saved = Tcl_SaveInterpState(tcl_interp, TCL_OK);
+        event::PyEvent request([this]() -> PyObject* {
+            releasePython();
+            Py_RETURN_NONE;
+        });
+        event_mgr->spin(&request);
+        Tcl_RestoreInterpState(tcl_interp, saved);
+    }
+    if (callable_ || code_ || !path_.empty()) {
+        (void)callable_.release();
+        (void)code_.release();
+        for (SmartPyObj& name : path_) (void)name.release();
+        path_.clear();
+    }
+    delete this;
+}
+
+CallWords::CallWords(int count, Tcl_Obj* const words[]) : count_(count < 0 ? 0 : count) {
+    if (count_ > inline_count) more_.resize(static_cast<std::size_t>(count_));
+    words_ = count_ > inline_count ? more_.data() : inline_;
+    for (int i = 0; i < count_; ++i) {
+        words_[i] = tcl_convert::detachedCopy(words[i]);
+        if (words_[i]) Tcl_IncrRefCount(words_[i]);
+    }
+}
+
+CallWords::~CallWords() {
+    for (int i = 0; i < count_; ++i)
+        if (words_[i]) Tcl_DecrRefCount(words_[i]);
+}
+
+PyObject* CallWords::callWith(PyObject* callable) const {
+    constexpr int stack_count = 8;
+    PyObject* onStack[stack_count];
+    std::vector<PyObject*> onHeap;
+    PyObject** arguments = onStack;
+    if (count_ > stack_count) {
+        onHeap.resize(static_cast<std::size_t>(count_));
+        arguments = onHeap.data();
+    }
+    int converted = 0;
+    for (; converted < count_; ++converted) {
+        Tcl_Obj* word = words_[converted];
+        if (!word) {
+            PyErr_SetString(PyExc_RecursionError, "value nested too deeply to convert");
+            break;
+        }
+        SmartPyObj value = tcl_convert::fromTcl(word);
+        if (!value) {
+            if (!PyErr_Occurred())
+                PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
+            break;
+        }
+        arguments[converted] = value.release();
+    }
+    PyObject* result = nullptr;
+    if (converted == count_)
+        result = PyObject_Vectorcall(callable, arguments, static_cast<std::size_t>(count_), nullptr);
+    for (int i = 0; i < converted; ++i) Py_DECREF(arguments[i]);
+    return result;
+}
+
+} // namespace pytarn

@@ -1,0 +1,78 @@
+// Tcl commands backed by Python callables (tcl.createcommand and
+// ::pytarn::createFunction), and calls of a Python callable with Tcl words
+// as its arguments (::pytarn::call).
+#pragma once
+
+#include "Bridge.h"
+
+#include <string>
+#include <vector>
+
+namespace pytarn {
+
+// What a command calls: a fixed callable, or one found afresh at every call
+// (a dotted path from __main__, or a compiled expression evaluated there).
+// The Python references are taken and given back on a Python thread; the
+// record itself belongs to the Tcl command once it exists.
+class PythonCommand {
+public:
+    // Python thread, lock held.
+    static PythonCommand* forCallable(PyObject* callable);
+    // Python thread, lock held: the record for createFunction's NAME and
+    // EXPRESSION, or null with the Python error (syntax, missing name) set.
+    static PythonCommand* forExpression(const char* name, const char* expression);
+
+    // Tcl thread: makes (or replaces) the command `name` calling this
+    // record, which Tcl owns from here on. False, with the interpreter's
+    // error, when Tcl refuses the name.
+    bool install(Tcl_Interp* interp, const char* name);
+
+    // Python thread, lock held: gives back the Python references. The
+    // destructor then needs no lock.
+    void releasePython();
+
+private:
+    PythonCommand() = default;
+    static int invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]);
+    static void deleted(void* data);
+    // Tcl thread: gives the record up once it is deleted and no call runs.
+    void unhold();
+
+    SmartPyObj callable_;                 // the fixed callable, or empty
+    SmartPyObj code_;                     // an expression evaluated at each call, or empty
+    std::vector<SmartPyObj> path_;        // names looked up at each call, or empty
+    int running_ = 0;                     // calls in progress; Tcl thread only
+    bool deleted_ = false;                // Tcl thread only
+};
+
+// Python thread, lock held: the callable named by `path`, a dotted path from
+// __main__ (its first name may also be a built-in), or null with NameError
+// or AttributeError set.
+PyObject* lookUpPath(const std::vector<SmartPyObj>& names);
+// The same for the text of a Tcl word, split here.
+PyObject* lookUpDotted(const char* path, int length);
+// Python thread, lock held: the names of a dotted path; empty, with
+// ValueError set, when it is not one.
+std::vector<SmartPyObj> splitPath(const char* path);
+
+// Tcl thread: the words of a call, each a detached copy that the Python side
+// may read while Tcl runs on. Null entries mean "too deeply nested".
+class CallWords {
+public:
+    CallWords(int count, Tcl_Obj* const words[]);
+    CallWords(const CallWords&) = delete;
+    CallWords& operator=(const CallWords&) = delete;
+    ~CallWords();
+    // Python thread, lock held: calls `callable` with the words converted to
+    // Python; a new reference, or null with an error set.
+    PyObject* callWith(PyObject* callable) const;
+
+private:
+    static constexpr int inline_count = 6;
+    int count_;
+    Tcl_Obj* inline_[inline_count] = {};
+    std::vector<Tcl_Obj*> more_;
+    Tcl_Obj** words_;
+};
+
+} // namespace pytarn

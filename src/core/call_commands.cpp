@@ -1,0 +1,83 @@
+// ::pytarn::call CALLABLE ?ARG ...? and ::pytarn::createFunction NAME
+// ?EXPRESSION?: Python callables called with Tcl words as their arguments,
+// no source text pasted together.
+#include "PytarnCommands.h"
+
+#include "PythonCommand.h"
+
+#include <new>
+#include <string>
+
+namespace pytarn {
+
+namespace {
+
+int outOfMemory(Tcl_Interp* interp) {
+    Tcl_SetResult(interp, const_cast<char*>("out of memory"), TCL_STATIC);
+    return TCL_ERROR;
+}
+
+int callCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    if (objc < 2) {
+        Tcl_WrongNumArgs(interp, 1, objv, "callable ?arg ...?");
+        return TCL_ERROR;
+    }
+    try {
+        int length = 0;
+        const char* text = Tcl_GetStringFromObj(objv[1], &length);
+        // Copied: Tcl code that runs for other Python threads meanwhile may
+        // change the word's string.
+        const std::string path(text, static_cast<std::size_t>(length));
+        CallWords words(objc - 2, objv + 2);
+        event::PyEvent request([&path, &words]() -> PyObject* {
+            SmartPyObj target(lookUpDotted(path.c_str(), static_cast<int>(path.size())));
+            return target ? words.callWith(target.get()) : nullptr;
+        });
+        return event_mgr->spin(&request);
+    } catch (const std::bad_alloc&) {
+        return outOfMemory(interp);
+    }
+}
+
+int createFunctionCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    if (objc < 2 || objc > 3) {
+        Tcl_WrongNumArgs(interp, 1, objv, "name ?expression?");
+        return TCL_ERROR;
+    }
+    try {
+        const std::string name = Tcl_GetString(objv[1]);
+        const std::string expression = objc == 3 ? Tcl_GetString(objv[2]) : "";
+        PythonCommand* command = nullptr;
+        event::PyEvent request([&]() -> PyObject* {
+            command = PythonCommand::forExpression(name.c_str(), expression.c_str());
+            if (!command) return nullptr;
+            Py_RETURN_NONE;
+        });
+        const int code = event_mgr->spin(&request);
+        if (code != TCL_OK || !command) return code;
+        if (!command->install(interp, name.c_str())) {
+            event::PyEvent release([command]() -> PyObject* {
+                command->releasePython();
+                delete command;
+                Py_RETURN_NONE;
+            });
+            Tcl_InterpState saved = Tcl_SaveInterpState(interp, TCL_ERROR);
+            event_mgr->spin(&release);
+            return Tcl_RestoreInterpState(interp, saved);
+        }
+        Tcl_ResetResult(interp);
+        return TCL_OK;
+    } catch (const std::bad_alloc&) {
+        return outOfMemory(interp);
+    }
+}
+
+} // namespace
+
+void registerCallCommands(Tcl_Interp* interp) {
+    Tcl_CreateObjCommand(interp, "::pytarn::call", callCmd, nullptr, nullptr);
+    Tcl_CreateObjCommand(interp, "::pytarn::createFunction", createFunctionCmd, nullptr,
+                         nullptr);
+}
+
+} // namespace pytarn
