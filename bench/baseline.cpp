@@ -387,7 +387,52 @@ PyObject* tclSet(PyObject*, PyObject* args) {
     Py_RETURN_NONE;
 }
 
+// A Tcl command calling a Python callable on the Tcl thread: the same-thread
+// form of the bridge's Python-backed commands. Its words convert as the
+// bridge converts them, its result likewise.
+int callableCmd(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    PyGILState_STATE gil = PyGILState_Ensure();
+    constexpr int most = 8;
+    PyObject* arguments[most];
+    int count = 0;
+    int status = TCL_OK;
+    if (objc - 1 > most) {
+        PyErr_SetString(PyExc_TypeError, "too many words for the baseline");
+    } else {
+        for (; count < objc - 1; ++count) {
+            arguments[count] = fromTcl(objv[count + 1], 1);
+            if (!arguments[count]) break;
+        }
+    }
+    if (count == objc - 1) {
+        status = finish(interp, PyObject_Vectorcall(static_cast<PyObject*>(data), arguments,
+                                                    static_cast<size_t>(count), nullptr));
+    } else {
+        status = pythonErrorToTcl(interp);
+    }
+    for (int i = 0; i < count; ++i) Py_DECREF(arguments[i]);
+    PyGILState_Release(gil);
+    return status;
+}
+
+void releaseCallable(void* data) {
+    PyGILState_STATE gil = PyGILState_Ensure();
+    Py_DECREF(static_cast<PyObject*>(data));
+    PyGILState_Release(gil);
+}
+
+// benchtools.createcommand(name, fn): on the Tcl thread only.
+PyObject* createCommand(PyObject*, PyObject* args) {
+    const char* name = nullptr;
+    PyObject* function = nullptr;
+    if (!PyArg_ParseTuple(args, "sO", &name, &function) || !onTclThread()) return nullptr;
+    Tcl_CreateObjCommand(host_interp, name, callableCmd, Py_NewRef(function), releaseCallable);
+    Py_RETURN_NONE;
+}
+
 PyMethodDef benchtools_methods[] = {
+    {"createcommand", createCommand, METH_VARARGS,
+     "a Tcl command calling fn on the Tcl thread (Tcl thread only)"},
     {"time_calls", timeCalls, METH_VARARGS, "time_calls(fn, args, count, samples=None)"},
     {"tcl_eval", tclEval, METH_VARARGS, "Tcl_EvalEx on the Tcl thread"},
     {"tcl_get", tclGet, METH_VARARGS, "a global Tcl variable, read on the Tcl thread"},

@@ -30,6 +30,29 @@ foreach {key arguments} {
         [list ::baseline::eval "benchtools.time_calls(benchtools.tcl_$key, $arguments, %N)"]
 }
 
+# Calls with words instead of source text. A command made from Python,
+# called from Tcl with two small arguments, beside the same callable behind a
+# Tcl_CreateObjCommand on the Tcl thread; tcl.call beside tcl.eval of the
+# same command; ::pytarn::call beside ::python::eval of the same call.
+::python::exec {
+def add(a, b):
+    return a + b
+tcl.createcommand('addCreated', add)
+}
+::pytarn::createFunction addFunction add
+::baseline::eval {benchtools.createcommand('addBaseline', add)}
+foreach {key bridge} {
+    created.command  {addCreated 1 2}
+    created.function {addFunction 1 2}
+} {
+    compare $key 3 $calls [list bench::time %N $bridge] {bench::time %N {addBaseline 1 2}}
+}
+compare calls.call 3 $calls \
+    {::python::eval {benchtools.time_calls(tcl.call, ('set', 'x', 1), %N)}} \
+    {::python::eval {benchtools.time_calls(tcl.eval, ('set x 1',), %N)}}
+compare calls.pytarn 3 $calls \
+    {bench::time %N {::pytarn::call add 1 2}} {bench::time %N {::python::eval {add(1, 2)}}}
+
 # Each call timed alone.
 set trips [scaled 1000000]
 record latency.calls $trips

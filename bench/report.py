@@ -56,6 +56,10 @@ BASELINES = {
     "8": "idle: a plain tclsh8.6 in its event loop; waiting: the same time.sleep(2) "
          "run on the calling thread",
     "9": "resident size after the first 100,000 calls of bench/memory.tcl",
+    "A": "commands: the same Python function behind a Tcl_CreateObjCommand on the Tcl "
+          "thread, called holding the GIL (benchtools.createcommand); tcl.call: "
+          "tcl.eval('set x 1') through the bridge; ::pytarn::call: ::python::eval "
+          "{add(1, 2)} through the bridge",
     "C": "core_bench (Google Benchmark, pytarn_core linked statically): the bridge's "
          "function beside a direct C version producing the same values; the Notifier "
          "beside a plain hand-off (a condition variable per direction, notify_one "
@@ -209,6 +213,13 @@ def build_rows(raw, latency, memory, cpp, data):
         rows.append(Row("9", f"resident after {last_calls:,} mixed calls", "KiB",
                         float(last_kib), float(first_kib), "growth < 1 MB", growth < 1024,
                         f"growth {growth:+,} KiB after {first_calls:,}"))
+
+    pair("A", "command from tcl.createcommand, 2 args", "us/call", "created.command", us,
+         "<= 1.0x", 1.0)
+    pair("A", "command from ::pytarn::createFunction, 2 args", "us/call", "created.function",
+         us, "<= 1.0x", 1.0)
+    pair("A", "tcl.call('set', 'x', 1)", "us/call", "calls.call", us, "<= 1.2x", 1.2)
+    pair("A", "::pytarn::call add 1 2", "us/call", "calls.pytarn", us, "<= 1.2x", 1.2)
 
     for name, direct, label, unit in (
             ("fromTcl_list", "fromTcl_list", "fromTcl, list of 1,000,000 ints", "ms"),
