@@ -59,7 +59,8 @@ BASELINES = {
     "A": "commands: the same Python function behind a Tcl_CreateObjCommand on the Tcl "
           "thread, called holding the GIL (benchtools.createcommand); tcl.call: "
           "tcl.eval('set x 1') through the bridge; ::pytarn::call: ::python::eval "
-          "{add(1, 2)} through the bridge",
+          "{add(1, 2)} through the bridge; create/delete: resident size after the first "
+          "100,000 cycles",
     "C": "core_bench (Google Benchmark, pytarn_core linked statically): the bridge's "
          "function beside a direct C version producing the same values; the Notifier "
          "beside a plain hand-off (a condition variable per direction, notify_one "
@@ -220,6 +221,13 @@ def build_rows(raw, latency, memory, cpp, data):
          us, "<= 1.0x", 1.0)
     pair("A", "tcl.call('set', 'x', 1)", "us/call", "calls.call", us, "<= 1.2x", 1.2)
     pair("A", "::pytarn::call add 1 2", "us/call", "calls.pytarn", us, "<= 1.2x", 1.2)
+    if "lifetime.last.kib" in raw and "lifetime.first.kib" in raw:
+        first, last = raw["lifetime.first.kib"], raw["lifetime.last.kib"]
+        growth = int(last - first)
+        rows.append(Row("A", f"resident after {int(raw['lifetime.cycles']):,} "
+                        "createcommand/deletecommand", "KiB", last, first, "growth < 1 MB",
+                        growth < 1024,
+                        f"growth {growth:+,} KiB after {int(raw['lifetime.first.cycles']):,}"))
 
     for name, direct, label, unit in (
             ("fromTcl_list", "fromTcl_list", "fromTcl, list of 1,000,000 ints", "ms"),
