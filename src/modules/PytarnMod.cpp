@@ -2,7 +2,7 @@
 // functions.
 #include "PytarnMod.h"
 
-#include "core/Bridge.h"
+#include "event/State.h"
 
 namespace {
 

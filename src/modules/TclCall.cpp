@@ -2,7 +2,7 @@
 // with script text, so no value ever needs quoting.
 #include "PytarnMod.h"
 
-#include "core/Bridge.h"
+#include "event/State.h"
 #include "convert/TclConvert.h"
 #include "ForkedOutput.h"
 
