@@ -4,6 +4,8 @@
 // pytarnsh runs it, and the caller's directory is restored straight after.
 #include "Bridge.h"
 
+#include "convert/Guard.h"
+
 #include <dlfcn.h>
 
 #include <cerrno>
@@ -87,10 +89,5 @@ int loadPackage(Tcl_Interp* interp) {
 
 extern "C" int Pytarn_Init(Tcl_Interp* interp) {
     if (!Tcl_InitStubs(interp, "8.6", 0)) return TCL_ERROR;
-    try {
-        return pytarn::loadPackage(interp);
-    } catch (const std::bad_alloc&) {
-        Tcl_SetResult(interp, const_cast<char*>("pytarn: out of memory"), TCL_STATIC);
-        return TCL_ERROR;
-    }
+    return pytarn::tclGuard(interp, [interp] { return pytarn::loadPackage(interp); });
 }

@@ -5,6 +5,7 @@
 // functions run on the Python thread with the interpreter lock held and call
 // the host directly; the host guards its own store.
 #include "core/Bridge.h"
+#include "convert/PyErrors.h"
 
 #include <dlfcn.h>
 
@@ -151,8 +152,8 @@ PyObject* setBytes(PyObject*, PyObject* args) {
 }
 
 PyMethodDef orvanta_methods[] = {
-    {"__buffGetBytes", getBytes, METH_VARARGS, nullptr},
-    {"__buffSetBytes", setBytes, METH_VARARGS, nullptr},
+    {"__buffGetBytes", guardedMethod<getBytes>, METH_VARARGS, nullptr},
+    {"__buffSetBytes", guardedMethod<setBytes>, METH_VARARGS, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 
