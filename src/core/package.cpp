@@ -72,6 +72,10 @@ int loadPackage(Tcl_Interp* interp) {
                     Tcl_ObjPrintf("pytarn: Python did not start from the installation root "
                                   "\"%s\" (the reasons are on stderr)",
                                   Tcl_GetString(root)));
+    } else if (python_thread.interp_deleted.load()) {
+        // Its commands went with that interpreter; Python cannot be started twice.
+        code = fail(interp, "DELETED",
+                    Tcl_NewStringObj("pytarn: its interpreter was deleted", -1));
     } else if (tcl_interp != interp) {
         // One interpreter per process owns the bridge and its commands.
         code = fail(interp, "INTERP",

@@ -37,8 +37,13 @@ void writeOutput(bool to_stderr, const char* text) {
         return;
     }
     Tcl_Preserve(interp); // puts may be a host's procedure that deletes it
-    Tcl_SetVar(interp, "::python::__buff", tcl_convert::TclText(text).get(),
-               TCL_GLOBAL_ONLY);
+    tcl_convert::TclText piece(text);
+    if (!Tcl_SetVar(interp, "::python::__buff", piece.get(), TCL_GLOBAL_ONLY)) {
+        // A script deleted the namespace: the variable is made again rather
+        // than the output lost.
+        Tcl_CreateNamespace(interp, "::python", nullptr, nullptr);
+        Tcl_SetVar(interp, "::python::__buff", piece.get(), TCL_GLOBAL_ONLY);
+    }
     Tcl_EvalObjEx(interp, outputScript(to_stderr), 0);
     Tcl_Release(interp);
 }
