@@ -106,7 +106,9 @@ bool pythonRunning() {
 
 void PythonThread::run() {
     python_ident.store(PyThread_get_thread_ident());
-    if (init() != 0) {
+    // An exception here (start-up allocates) is a failed start, not the end
+    // of the host's process.
+    if (withoutExceptions([] { return init(); }, [](bool) { return 1; }) != 0) {
         std::cerr << "error loading pytarn\n";
         status = 1;
         alive.store(false);
