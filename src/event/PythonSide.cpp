@@ -7,6 +7,12 @@ namespace pytarn::event {
 
 namespace {
 constexpr std::chrono::seconds wait_bound{1};
+
+// Once the interpreter is deleted only output is still written (to the
+// standard channels, which outlive it); everything else fails.
+bool refused(const TclEvent* ev) {
+    return !ev->output && python_thread.interp_deleted.load();
+}
 } // namespace
 
 void PythonEventQueue::push(PyEvent* ev) {
@@ -41,7 +47,7 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
         // The interpreter was deleted while the request still waited: the
         // Tcl thread would only refuse it. Taken out here, it is this
         // thread's again; one the Tcl thread has taken, it completes.
-        if (python_thread.interp_deleted.load() && event_mgr->tcl_queue.remove(ev)) {
+        if (refused(ev) && event_mgr->tcl_queue.remove(ev)) {
             ev->interp_deleted = true;
             ev->done.store(true);
             break;
@@ -55,7 +61,7 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
 
 PyObject* EventMgr::spin(TclEvent* ev) {
     if (!python_alive->load()) Py_RETURN_NONE; // shutting down: Tcl takes no more
-    if (python_thread.interp_deleted.load()) {
+    if (refused(ev)) {
         ev->interp_deleted = true;
         return postProcess(ev);
     }
