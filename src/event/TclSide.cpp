@@ -138,12 +138,14 @@ bool carryOut(Tcl_Interp* interp, TclEvent* ev) {
 }
 
 // An allocation that failed half way leaves no partial outcome behind.
+// False, as carryOut, when the record may be gone.
 bool failedInternally(TclEvent* ev) {
+    if (!python_alive->load()) return false;
     ev->error.clear();
     ev->error_code.clear();
     ev->result = nullptr;
     ev->no_memory = true;
-    return python_alive->load();
+    return true;
 }
 
 void TclEventQueue::serviceEvent(TclEvent* ev) {
