@@ -3,6 +3,7 @@
 
 #include "convert/Guard.h"
 #include "convert/PyErrors.h"
+#include "modules/OrvantaMod.h"
 
 #include <chrono>
 #include <iostream>
@@ -99,10 +100,6 @@ void registerCommands() {
 }
 
 } // namespace
-
-bool pythonRunning() {
-    return python_thread.ready.load() && python_thread.status == 0 && python_thread.alive.load();
-}
 
 void PythonThread::run() {
     python_ident.store(PyThread_get_thread_ident());

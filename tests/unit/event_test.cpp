@@ -1,6 +1,7 @@
 #include "TestEnv.h"
 
-#include "core/Bridge.h"
+#include "core/Bridge.h" // the work functions, for the assignment request
+#include "event/State.h"
 
 #include <gtest/gtest.h>
 
