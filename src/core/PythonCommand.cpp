@@ -232,14 +232,15 @@ void PythonCommand::unhold() {
     // release (and any __del__ it runs) happens when the command goes. Once
     // Python has stopped there is no thread to do it: it is left to the
     // process's end.
-    if (pythonRunning()) {
-        Tcl_InterpState saved = Tcl_SaveInterpState(tcl_interp, TCL_OK);
+    Tcl_Interp* interp = tcl_interp;
+    if (pythonRunning() && interp) {
+        Tcl_InterpState saved = Tcl_SaveInterpState(interp, TCL_OK);
         event::PyEvent request([this]() -> PyObject* {
             releasePython();
             Py_RETURN_NONE;
         });
         event_mgr->spin(&request);
-        Tcl_RestoreInterpState(tcl_interp, saved);
+        Tcl_RestoreInterpState(interp, saved);
     }
     if (callable_ || code_ || !path_.empty()) {
         (void)callable_.release();

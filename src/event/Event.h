@@ -95,13 +95,17 @@ struct alignas(cache_line) TclEvent {
     int word_count = 0;
     bool to_stderr = false;
     bool too_deep = false;          // the result was nested too deeply to copy
+    // Failures of the bridge itself, flagged without allocating: Python gets
+    // MemoryError, or TclError once the interpreter has been deleted.
+    bool no_memory = false;
+    bool interp_deleted = false;
     std::atomic<bool> done{false};
     std::string error;              // non-empty exactly when the request failed
     std::vector<std::string> error_code; // the failure's -errorcode, word by word
     std::string error_info;              // and its -errorinfo
-    // Runs on the Tcl thread with the record; it reports through the
-    // outcome fields (TclEventQueue::storeFailure for a failure).
-    void (*action)(TclEvent* ev) = nullptr;
+    // Runs on the Tcl thread with the interpreter and the record; it reports
+    // through the outcome fields (TclEventQueue::storeFailure for a failure).
+    void (*action)(Tcl_Interp* interp, TclEvent* ev) = nullptr;
     void* context = nullptr; // the action's, not owned
 };
 
@@ -265,7 +269,8 @@ public:
     // Lock held for the whole call.
     void serviceAllEvents();
     // Lock held on entry and on return; released while waiting. Returns
-    // when `ev` is done or the bridge is shutting down.
+    // when `ev` is done, the bridge is shutting down, or the interpreter has
+    // been deleted while `ev` still waited in the queue.
     void waitFor(TclEvent* ev);
 };
 
@@ -284,7 +289,7 @@ public:
     static void serviceEvent(TclEvent* ev);
     // Records the interpreter's failure `code` (its result, -errorcode and
     // -errorinfo) as the outcome of `ev`. Tcl thread.
-    static void storeFailure(TclEvent* ev, int code);
+    static void storeFailure(Tcl_Interp* interp, TclEvent* ev, int code);
     // Writes the output and carries out the requests that wait now. What
     // comes meanwhile gets a new wake(), so that a thread that never stops
     // printing cannot keep the Tcl thread here and its event loop starved.

@@ -1,6 +1,7 @@
 // The Tcl thread's half of the transport: carrying out requests from Python
 // and waiting for its own requests to Python. See Event.h for the model.
 #include "State.h"
+#include "convert/Guard.h"
 #include "convert/TclConvert.h"
 
 namespace pytarn::event {
@@ -26,10 +27,25 @@ Tcl_Obj* outputScript(bool to_stderr) {
 
 // Through puts, so that a host that redefines puts (a console window) gets
 // Python's output too. A trace on ::python::__buff sees each piece once.
+// Once the interpreter has been deleted, straight to the thread's standard
+// channels, which outlive it.
 void writeOutput(bool to_stderr, const char* text) {
-    Tcl_SetVar(tcl_interp, "::python::__buff", tcl_convert::TclText(text).get(),
-               TCL_GLOBAL_ONLY);
-    Tcl_EvalObjEx(tcl_interp, outputScript(to_stderr), 0);
+    Tcl_Interp* interp = tcl_interp;
+    if (!interp) {
+        if (Tcl_Channel channel = Tcl_GetStdChannel(to_stderr ? TCL_STDERR : TCL_STDOUT))
+            Tcl_WriteChars(channel, tcl_convert::TclText(text).get(), -1);
+        return;
+    }
+    Tcl_Preserve(interp); // puts may be a host's procedure that deletes it
+    tcl_convert::TclText piece(text);
+    if (!Tcl_SetVar(interp, "::python::__buff", piece.get(), TCL_GLOBAL_ONLY)) {
+        // A script deleted the namespace: the variable is made again rather
+        // than the output lost.
+        Tcl_CreateNamespace(interp, "::python", nullptr, nullptr);
+        Tcl_SetVar(interp, "::python::__buff", piece.get(), TCL_GLOBAL_ONLY);
+    }
+    Tcl_EvalObjEx(interp, outputScript(to_stderr), 0);
+    Tcl_Release(interp);
 }
 
 void complete(TclEvent* ev) {
@@ -43,7 +59,7 @@ void storeResult(TclEvent* ev, Tcl_Obj* value) {
     ev->too_deep = !ev->result;
 }
 
-// The text of one entry of the return options; empty when it is not there.
+// One entry of the return options; null when it is not there.
 Tcl_Obj* optionEntry(Tcl_Obj* options, const char* name) {
     Tcl_Obj* key = Tcl_NewStringObj(name, -1);
     Tcl_IncrRefCount(key);
@@ -86,9 +102,9 @@ bool TclEventQueue::drainOutput() {
 
 // The failure just reported, as plain text: Python sees the -errorcode
 // words as TclError.errorcode and the -errorinfo as TclError.errorinfo.
-void TclEventQueue::storeFailure(TclEvent* ev, int code) {
-    ev->error = Tcl_GetStringResult(tcl_interp);
-    Tcl_Obj* options = Tcl_GetReturnOptions(tcl_interp, code);
+void TclEventQueue::storeFailure(Tcl_Interp* interp, TclEvent* ev, int code) {
+    ev->error = Tcl_GetStringResult(interp);
+    Tcl_Obj* options = Tcl_GetReturnOptions(interp, code);
     Tcl_IncrRefCount(options);
     int count = 0;
     Tcl_Obj** words = nullptr;
@@ -108,47 +124,85 @@ void TclEventQueue::storeFailure(TclEvent* ev, int code) {
     Tcl_DecrRefCount(options);
 }
 
+namespace {
+
+// Carries out a request that needs the interpreter, which the caller keeps
+// preserved. False when shutdown began meanwhile: the record may be gone.
+bool carryOut(Tcl_Interp* interp, TclEvent* ev) {
+    if (ev->script) {
+        int code = Tcl_EvalEx(interp, tcl_convert::TclText(ev->script).get(), -1,
+                              TCL_EVAL_GLOBAL);
+        if (!python_alive->load()) return false;
+        Tcl_Obj* result = Tcl_GetObjResult(interp);
+        if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
+        if (ev->error.empty()) storeResult(ev, result);
+    } else if (ev->words) {
+        // Words go to the command as they are: no substitution, no parsing.
+        int code = Tcl_EvalObjv(interp, ev->word_count, const_cast<Tcl_Obj**>(ev->words),
+                                TCL_EVAL_GLOBAL);
+        if (!python_alive->load()) return false; // the words are left to the process's end
+        if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
+        if (ev->error.empty()) storeResult(ev, Tcl_GetObjResult(interp));
+        releaseWords(ev);
+    } else if (ev->action) {
+        ev->action(interp, ev);
+        if (!python_alive->load()) return false;
+    } else if (ev->variable && ev->value) {
+        Tcl_SetVar2Ex(interp, tcl_convert::TclText(ev->variable).get(), nullptr,
+                      ev->value.get(), TCL_GLOBAL_ONLY);
+        ev->value = nullptr; // the variable's reference is Tcl's alone
+    } else if (ev->variable) {
+        Tcl_Obj* value = Tcl_GetVar2Ex(interp, tcl_convert::TclText(ev->variable).get(),
+                                       nullptr, TCL_GLOBAL_ONLY | TCL_LEAVE_ERR_MSG);
+        if (value) {
+            storeResult(ev, value);
+        } else {
+            TclEventQueue::storeFailure(interp, ev, TCL_ERROR);
+        }
+    }
+    return true;
+}
+
+// An allocation that failed half way leaves no partial outcome behind.
+// False, as carryOut, when the record may be gone.
+bool failedInternally(TclEvent* ev) {
+    if (!python_alive->load()) return false;
+    ev->error.clear();
+    ev->error_code.clear();
+    ev->error_info.clear();
+    ev->result = nullptr;
+    ev->no_memory = true;
+    return true;
+}
+
+} // namespace
+
 void TclEventQueue::serviceEvent(TclEvent* ev) {
     // Once shutdown has begun a requester may have abandoned its record, and
     // a script run here may itself begin shutdown: test before every touch.
     if (!python_alive->load()) return;
     drainOutput();
     if (!python_alive->load()) return;
-    if (ev->script) {
-        int code = Tcl_EvalEx(tcl_interp, tcl_convert::TclText(ev->script).get(), -1,
-                              TCL_EVAL_GLOBAL);
-        if (!python_alive->load()) return;
-        Tcl_Obj* result = Tcl_GetObjResult(tcl_interp);
-        if (code != TCL_OK) storeFailure(ev, code);
-        if (ev->error.empty()) storeResult(ev, result);
-    } else if (ev->words) {
-        // Words go to the command as they are: no substitution, no parsing.
-        int code = Tcl_EvalObjv(tcl_interp, ev->word_count, const_cast<Tcl_Obj**>(ev->words),
-                                TCL_EVAL_GLOBAL);
-        if (!python_alive->load()) return; // the words are left to the process's end
-        if (code != TCL_OK) storeFailure(ev, code);
-        if (ev->error.empty()) storeResult(ev, Tcl_GetObjResult(tcl_interp));
-        releaseWords(ev);
-    } else if (ev->action) {
-        ev->action(ev);
-        if (!python_alive->load()) return;
-    } else if (ev->output) {
+    if (ev->output) {
         writeOutput(ev->to_stderr, ev->output);
         if (!python_alive->load()) return;
-    } else if (ev->variable && ev->value) {
-        Tcl_SetVar2Ex(tcl_interp, tcl_convert::TclText(ev->variable).get(), nullptr,
-                      ev->value.get(), TCL_GLOBAL_ONLY);
-        ev->value = nullptr; // the variable's reference is Tcl's alone
-    } else if (ev->variable) {
-        Tcl_Obj* value = Tcl_GetVar2Ex(tcl_interp, tcl_convert::TclText(ev->variable).get(),
-                                       nullptr, TCL_GLOBAL_ONLY | TCL_LEAVE_ERR_MSG);
-        if (value) {
-            storeResult(ev, value);
-        } else {
-            storeFailure(ev, TCL_ERROR);
-        }
+        complete(ev);
+        return;
     }
-    complete(ev);
+    Tcl_Interp* interp = tcl_interp;
+    if (!interp) {
+        if (ev->words) releaseWords(ev);
+        ev->interp_deleted = true;
+        complete(ev);
+        return;
+    }
+    // A script may delete the interpreter (through a parent's alias); it is
+    // freed, and interpDeleted runs, only at the release.
+    Tcl_Preserve(interp);
+    const bool carried = withoutExceptions([&] { return carryOut(interp, ev); },
+                                           [ev](bool) { return failedInternally(ev); });
+    Tcl_Release(interp);
+    if (carried) complete(ev);
 }
 
 void TclEventQueue::serviceAllEvents() {
@@ -186,15 +240,22 @@ void TclEventQueue::waitFor(PyEvent* ev) {
 }
 
 int EventMgr::spin(PyEvent* ev) {
+    Tcl_Interp* interp = tcl_interp;
+    if (!interp) return TCL_ERROR; // deleted: nothing to report the outcome to
     if (!pythonRunning()) {
-        Tcl_SetResult(tcl_interp, const_cast<char*>("Python interpreter is not running"),
+        Tcl_SetResult(interp, const_cast<char*>("Python interpreter is not running"),
                       TCL_STATIC);
-        Tcl_SetErrorCode(tcl_interp, "PYTARN", "NOTRUNNING", nullptr);
+        Tcl_SetErrorCode(interp, "PYTARN", "NOTRUNNING", nullptr);
         return TCL_ERROR;
     }
+    // Python may have the interpreter deleted meanwhile; it stays usable
+    // until the release, where interpDeleted runs.
+    Tcl_Preserve(interp);
     python_queue.push(ev);
     tcl_queue.waitFor(ev);
-    return postProcess(ev);
+    const int code = postProcess(ev);
+    Tcl_Release(interp);
+    return code;
 }
 
 int EventMgr::postProcess(PyEvent* ev) {
@@ -203,16 +264,6 @@ int EventMgr::postProcess(PyEvent* ev) {
         Tcl_SetObjResult(tcl_interp, ev->result.get());
     } else {
         Tcl_ResetResult(tcl_interp);
-    }
-    // A failed Tcl call that Python left uncaught keeps its own -errorcode,
-    // so that a script's trap sees through the round trip.
-    if (ev->status == TCL_ERROR && !ev->error_code.empty()) {
-        Tcl_Obj* words = Tcl_NewListObj(0, nullptr);
-        for (const std::string& word : ev->error_code)
-            Tcl_ListObjAppendElement(nullptr, words,
-                                     Tcl_NewStringObj(word.data(), static_cast<int>(word.size())));
-        Tcl_SetObjErrorCode(tcl_interp, words);
-        return ev->status;
     }
     // Scripts dispatch on the exception type: trap {PYTHON ZeroDivisionError}.
     if (ev->status == TCL_ERROR && !ev->error_type.empty()) {
@@ -250,7 +301,9 @@ int tclEventQueueProc(Tcl_Event*, int) {
         std::lock_guard<std::mutex> lock(event_queue_mutex);
         event_exists = false;
     }
-    event_mgr->tcl_queue.serviceAllEvents();
+    // Every request is carried out under a guard of its own; this one only
+    // keeps the event loop's frames clear of what the queue itself may throw.
+    withoutExceptions([] { event_mgr->tcl_queue.serviceAllEvents(); }, [](bool) {});
     return 1;
 }
 

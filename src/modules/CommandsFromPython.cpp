@@ -16,12 +16,12 @@ struct Creation {
 };
 
 // On the Tcl thread.
-void install(event::TclEvent* ev) {
+void install(Tcl_Interp* interp, event::TclEvent* ev) {
     auto* creation = static_cast<Creation*>(ev->context);
-    if (creation->command->install(tcl_interp, tcl_convert::TclText(creation->name).get())) {
+    if (creation->command->install(interp, tcl_convert::TclText(creation->name).get())) {
         creation->installed = true;
     } else {
-        event::TclEventQueue::storeFailure(ev, TCL_ERROR);
+        event::TclEventQueue::storeFailure(interp, ev, TCL_ERROR);
     }
 }
 
