@@ -2,10 +2,12 @@
 // words as arguments and nothing compiled at call time.
 #include "PythonCommand.h"
 
+#include "convert/Guard.h"
 #include "convert/TclConvert.h"
 
 #include <cstring>
 #include <new>
+#include <string>
 
 namespace pytarn {
 
@@ -196,8 +198,7 @@ int PythonCommand::invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* con
     // A call may delete its own command (or the interpreter); the record
     // stays until the last call in progress has returned.
     ++command->running_;
-    int code = TCL_ERROR;
-    try {
+    const int code = tclGuard(interp, [&] {
         CallWords words(objc - 1, objv + 1);
         event::PyEvent request([command, &words]() -> PyObject* {
             SmartPyObj target;
@@ -211,10 +212,8 @@ int PythonCommand::invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* con
             }
             return target ? words.callWith(target.get()) : nullptr;
         });
-        code = event_mgr->spin(&request);
-    } catch (const std::bad_alloc&) {
-        Tcl_SetResult(interp, const_cast<char*>("out of memory"), TCL_STATIC);
-    }
+        return event_mgr->spin(&request);
+    });
     command->unhold();
     return code;
 }

@@ -5,24 +5,20 @@
 
 #include "PythonCommand.h"
 
-#include <new>
+#include "convert/Guard.h"
+
 #include <string>
 
 namespace pytarn {
 
 namespace {
 
-int outOfMemory(Tcl_Interp* interp) {
-    Tcl_SetResult(interp, const_cast<char*>("out of memory"), TCL_STATIC);
-    return TCL_ERROR;
-}
-
 int callCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc < 2) {
         Tcl_WrongNumArgs(interp, 1, objv, "callable ?arg ...?");
         return TCL_ERROR;
     }
-    try {
+    return tclGuard(interp, [&] {
         int length = 0;
         const char* text = Tcl_GetStringFromObj(objv[1], &length);
         // Copied: Tcl code that runs for other Python threads meanwhile may
@@ -34,9 +30,7 @@ int callCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
             return target ? words.callWith(target.get()) : nullptr;
         });
         return event_mgr->spin(&request);
-    } catch (const std::bad_alloc&) {
-        return outOfMemory(interp);
-    }
+    });
 }
 
 int createFunctionCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
@@ -44,7 +38,7 @@ int createFunctionCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]
         Tcl_WrongNumArgs(interp, 1, objv, "name ?expression?");
         return TCL_ERROR;
     }
-    try {
+    return tclGuard(interp, [&] {
         const std::string name = Tcl_GetString(objv[1]);
         const std::string expression = objc == 3 ? Tcl_GetString(objv[2]) : "";
         PythonCommand* command = nullptr;
@@ -67,9 +61,7 @@ int createFunctionCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]
         }
         Tcl_ResetResult(interp);
         return TCL_OK;
-    } catch (const std::bad_alloc&) {
-        return outOfMemory(interp);
-    }
+    });
 }
 
 } // namespace

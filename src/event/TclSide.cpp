@@ -103,7 +103,8 @@ bool TclEventQueue::drainOutput() {
 // The failure just reported, as plain text: Python sees the -errorcode
 // words as TclError.errorcode and the -errorinfo as TclError.errorinfo.
 void TclEventQueue::storeFailure(Tcl_Interp* interp, TclEvent* ev, int code) {
-    ev->error = Tcl_GetStringResult(interp);
+    // From the result object: Tcl_GetStringResult would copy it once more.
+    ev->error = Tcl_GetString(Tcl_GetObjResult(interp));
     Tcl_Obj* options = Tcl_GetReturnOptions(interp, code);
     Tcl_IncrRefCount(options);
     int count = 0;
@@ -264,6 +265,16 @@ int EventMgr::postProcess(PyEvent* ev) {
         Tcl_SetObjResult(tcl_interp, ev->result.get());
     } else {
         Tcl_ResetResult(tcl_interp);
+    }
+    // A failed Tcl call that Python left uncaught keeps its own -errorcode,
+    // so that a script's trap sees through the round trip.
+    if (ev->status == TCL_ERROR && !ev->error_code.empty()) {
+        Tcl_Obj* words = Tcl_NewListObj(0, nullptr);
+        for (const std::string& word : ev->error_code)
+            Tcl_ListObjAppendElement(nullptr, words,
+                                     Tcl_NewStringObj(word.data(), static_cast<int>(word.size())));
+        Tcl_SetObjErrorCode(tcl_interp, words);
+        return ev->status;
     }
     // Scripts dispatch on the exception type: trap {PYTHON ZeroDivisionError}.
     if (ev->status == TCL_ERROR && !ev->error_type.empty()) {

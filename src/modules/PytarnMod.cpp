@@ -2,22 +2,29 @@
 // functions.
 #include "PytarnMod.h"
 
+#include "convert/PyErrors.h"
 #include "event/State.h"
 
 namespace {
 
 using namespace pytarn::python_api;
+using pytarn::guardedMethod;
+
+// call takes Python's fast calling convention, so it has a guard of its own.
+PyObject* guardedCall(PyObject* module, PyObject* const* args, Py_ssize_t count) {
+    return pytarn::pythonGuard([&] { return call(module, args, count); });
+}
 
 PyMethodDef pytarn_methods[] = {
-    {"call", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(call)), METH_FASTCALL,
+    {"call", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(guardedCall)), METH_FASTCALL,
      "call(cmd, *args): calls the Tcl command cmd with each argument as one word, never "
      "parsed; None is an empty word. Returns the result converted to Python."},
-    {"exists", exists, METH_O, "exists(name): whether the global Tcl variable exists."},
-    {"unset", unset, METH_O, "unset(name): unsets the global Tcl variable."},
-    {"createcommand", createcommand, METH_VARARGS,
+    {"exists", guardedMethod<exists>, METH_O, "exists(name): whether the global Tcl variable exists."},
+    {"unset", guardedMethod<unset>, METH_O, "unset(name): unsets the global Tcl variable."},
+    {"createcommand", guardedMethod<createcommand>, METH_VARARGS,
      "createcommand(name, callable): makes the Tcl command name call callable with its "
      "words; returns name."},
-    {"deletecommand", deletecommand, METH_O, "deletecommand(name): deletes the Tcl command."},
+    {"deletecommand", guardedMethod<deletecommand>, METH_O, "deletecommand(name): deletes the Tcl command."},
     {nullptr, nullptr, 0, nullptr},
 };
 
