@@ -56,7 +56,7 @@ def run_both(pytarnsh, python, names):
         emb_out = os.path.join(scratch, "embedded.json")
         std_out = os.path.join(scratch, "standalone.json")
         emb, emb_why, emb_s = run_side(
-            "embedded", [pytarnsh, os.path.join(HERE, "embedded.tcl"), arg, emb_out, python],
+            "embedded", [pytarnsh, os.path.join(HERE, "embedded.tcl"), arg, emb_out],
             emb_out)
         std, std_why, std_s = run_side(
             "standalone", [python, "-E", os.path.join(HERE, "worker.py"), arg, std_out],

@@ -38,11 +38,8 @@ GROUPS = {
     "test_subprocess": (["test_subprocess"], []),
     "test_traceback": (["test_traceback"], []),
     "test_exceptions": (["test_exceptions"], []),
-    "test_sys": (["test_sys"], [
-        ("test.test_sys.SysModuleTest.test_stdlib_dir", "error", NO_STDLIB_DIR),
-    ]),
+    "test_sys": (["test_sys"], []),
     "test_importlib": (["test_importlib"], [
-        ("test.test_importlib.frozen.*", "*", NO_STDLIB_DIR),
         ("test.test_importlib.source.test_file_loader.*", "skip", NO_BYTECODE),
         ("test.test_importlib.test_abc.*_SourceLoaderBytecodeTests.*", "skip", NO_BYTECODE),
     ]),

@@ -65,13 +65,9 @@ class _Result(unittest.TextTestResult):
         self._note(test, "unexpected success")
 
 
-def run(names, out_path, executable=None):
+def run(names, out_path):
     """Runs the tests of the modules NAMES (dotted: test.test_json) as regrtest does by
-    default, reports to sys.stderr, and writes the counts and outcomes to OUT_PATH.
-    EXECUTABLE, when given, stands in for an empty sys.executable: inside the bridge
-    there is no Python program, and many tests start one as a child process."""
-    if executable and not sys.executable:
-        sys.executable = sys._base_executable = executable
+    default, reports to sys.stderr, and writes the counts and outcomes to OUT_PATH."""
     from test import support
     # regrtest's defaults: quiet, and no optional resource (network, cpu, ...).
     support.verbose = 0
