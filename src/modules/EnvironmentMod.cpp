@@ -72,7 +72,42 @@ class _Quitter(_sitebuiltins.Quitter):
         raise SystemExit(code)
 
 
+def _standard_library():
+    """The search path's directory of the standard library: imports find it there,
+    through the installation root, while Python found its real directory from the
+    installation's program."""
+    for entry in sys.path:
+        if isinstance(entry, str) and os.path.isabs(entry) and os.path.isfile(
+                os.path.join(entry, 'os.py')):
+            return entry
+    return None
+
+
+def _use_standard_library(directory):
+    """Makes DIRECTORY sys._stdlib_dir and gives the frozen modules imported so far
+    their files there, as Python's start-up gives them files in its own directory:
+    frozen modules then name the files that imports from source find."""
+    from importlib.machinery import FrozenImporter
+    resolve = getattr(FrozenImporter, '_resolve_filename', None)
+    if directory is None or resolve is None:
+        return
+    sys._stdlib_dir = directory
+    for module in list(sys.modules.values()):
+        spec = getattr(module, '__spec__', None)
+        state = getattr(spec, 'loader_state', None)
+        if spec is None or spec.loader is not FrozenImporter or not getattr(
+                state, 'origname', None):
+            continue
+        locations = spec.submodule_search_locations
+        state.filename, package = resolve(state.origname, spec.name, locations is not None)
+        module.__file__ = state.filename
+        if package:
+            locations[:] = [package]
+            module.__path__ = locations
+
+
 def install():
+    _use_standard_library(_standard_library())
     sys.path_hooks.insert(0, _current_directory_hook)
     # The start-up's own imports bound "." to the directory current then.
     sys.path_importer_cache.pop('.', None)

@@ -12,7 +12,8 @@ void registerModule();
 
 // The step after the bootstrap: the search path's entry "." looks in the
 // directory that is current at each import, and the interactive builtins
-// (help, exit, quit, copyright, credits, license) exist. Python thread,
+// (help, exit, quit, copyright, credits, license) exist; sys._stdlib_dir is
+// the search path's directory of the standard library. Python thread,
 // interpreter lock held; false with the Python error left set on failure.
 bool install();
 
