@@ -45,10 +45,10 @@ PyObject* compiled(const char* code, int start) {
     }
     // Python indented as the Tcl body around it. Text that starts in its first
     // column is never indented as a whole, and is compiled as it stands.
-    std::optional<std::string> flush;
+    std::optional<std::string> flushLeft;
     if (*utf8 == ' ' || *utf8 == '\t' || *utf8 == '\n') {
-        flush = dedented(utf8);
-        if (flush) utf8 = flush->c_str();
+        flushLeft = dedented(utf8);
+        if (flushLeft) utf8 = flushLeft->c_str();
     }
     PyObject* result = Py_CompileStringExFlags(utf8, "<string>", start, nullptr, -1);
     if (result && cached) {

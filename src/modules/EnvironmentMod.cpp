@@ -107,6 +107,7 @@ def _use_standard_library(directory):
 
 
 def install():
+    """The step after the bootstrap: see EnvironmentMod.h."""
     _use_standard_library(_standard_library())
     sys.path_hooks.insert(0, _current_directory_hook)
     # The start-up's own imports bound "." to the directory current then.
@@ -123,8 +124,16 @@ def _is_site_packages(entry):
         'site-packages', 'dist-packages')
 
 
+_environments_used = set()
+
+
 def use_virtual_env(prefix):
+    """Puts the packages of the virtual environment PREFIX ahead of the system's: its
+    site-packages and what its .pth files add go before the first site-packages on
+    sys.path, as site.addsitedir processes them. True when used."""
     prefix = os.path.abspath(prefix)
+    if prefix in _environments_used:  # the package entry may run again
+        return True
     version = 'python%d.%d' % sys.version_info[:2]
     packages = os.path.join(prefix, sys.platlibdir, version, 'site-packages')
     if not os.path.isdir(packages):
@@ -138,6 +147,7 @@ def use_virtual_env(prefix):
     kept = [entry for entry in sys.path if entry in before]
     at = next((i for i, entry in enumerate(kept) if _is_site_packages(entry)), len(kept))
     sys.path[:] = kept[:at] + added + kept[at:]
+    _environments_used.add(prefix)
     sys.prefix = sys.exec_prefix = prefix
     for name in (version, 'python3', 'python'):
         program = os.path.join(prefix, 'bin', name)
@@ -165,7 +175,9 @@ PyObject* createModule() {
     if (!module) return nullptr;
     PyObject* dict = PyModule_GetDict(module.get()); // borrowed
     if (PyDict_SetItemString(dict, "__builtins__", PyEval_GetBuiltins()) != 0) return nullptr;
-    SmartPyObj result(PyRun_String(module_source, Py_file_input, dict, dict));
+    // Named in tracebacks as a module's file would be.
+    SmartPyObj code(Py_CompileString(module_source, "<_pytarn_env>", Py_file_input));
+    SmartPyObj result(code ? PyEval_EvalCode(code.get(), dict, dict) : nullptr);
     return result ? module.release() : nullptr;
 }
 
