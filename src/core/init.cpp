@@ -122,7 +122,10 @@ int init() {
     if (!startInterpreter()) return 1;
     SmartPyObj main = SmartPyObj::borrow(PyImport_AddModule("__main__"));
     python_state.main_dict = main ? PyObject_GetAttrString(main.get(), "__dict__") : nullptr;
-    python::execNoResult(bootstrap_script);
+    if (python::execNoResult(bootstrap_script)) {
+        printPythonError();
+        return 1;
+    }
     python_state.tcl = mainEntry("tcl");
     python_state.tcl_error = mainEntry("TclError");
     python_state.shell = mainEntry("OrvaShell");

@@ -89,13 +89,26 @@ void reportFailure(PyEvent* ev) {
 } // namespace
 
 void PythonEventQueue::serviceEvent(PyEvent* ev) {
-    SmartPyObj returned(ev->func());
+    // An exception in the work becomes a Python MemoryError (or RuntimeError)
+    // and is reported like any other failure.
+    SmartPyObj returned(pythonGuard([ev] { return ev->func(); }));
     ev->status = TCL_OK;
-    if (!PyErr_Occurred() && returned && returned.get() != Py_None)
-        ev->result = tcl_convert::toTcl(returned);
-    // A conversion that failed (too deep, a raising __str__) fails the
-    // request rather than leaving its error for the next one.
-    if (PyErr_Occurred()) reportFailure(ev);
+    withoutExceptions(
+        [&] {
+            if (!PyErr_Occurred() && returned && returned.get() != Py_None)
+                ev->result = tcl_convert::toTcl(returned);
+            // A conversion that failed (too deep, a raising __str__) fails the
+            // request rather than leaving its error for the next one.
+            if (PyErr_Occurred()) reportFailure(ev);
+        },
+        [ev](bool out_of_memory) {
+            // Reporting failed too: a fixed message, and no error left set.
+            PyErr_Clear();
+            ev->exit_requested = false;
+            ev->status = TCL_ERROR;
+            ev->result = tcl_convert::toTcl(out_of_memory ? "out of memory"
+                                                          : "internal error in pytarn");
+        });
     ev->done.store(true);
     notifier->notifyAll();
     // `returned` is released only now: its release may run Python code.
