@@ -17,4 +17,8 @@ namespace pytarn {
 // stays as it was. Before Python starts.
 PyStatus describeInstallation(PyConfig* config, const std::filesystem::path& root);
 
+// Once Python runs: sys.prefix and sys.exec_prefix become the installation's
+// prefixes in place of the fixed home. Interpreter lock held.
+void settlePrefixes();
+
 } // namespace pytarn

@@ -120,6 +120,7 @@ PyObject* mainEntry(const char* name) {
 
 int init() {
     if (!startInterpreter()) return 1;
+    settlePrefixes();
     SmartPyObj main = SmartPyObj::borrow(PyImport_AddModule("__main__"));
     python_state.main_dict = main ? PyObject_GetAttrString(main.get(), "__dict__") : nullptr;
     if (python::execNoResult(bootstrap_script)) {
