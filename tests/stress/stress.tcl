@@ -18,3 +18,23 @@ proc timed {id text script} {
     uplevel 1 $script
     puts "    $id: $text in [format %.2f [expr {([clock microseconds] - $start) / 1e6}]] s"
 }
+# startThreads(count, work) runs work(i) on `count` daemon threads; the last to end sets
+# ::ended. Tcl waits for that rather than joining threads in a request: any thread waiting
+# for Tcl may be the one to carry out a request.
+set startThreadsCode {
+import threading
+def startThreads(count, work):
+    left = [count]
+    lock = threading.Lock()
+    def run(i):
+        try:
+            work(i)
+        finally:
+            with lock:
+                left[0] -= 1
+                last = left[0] == 0
+            if last:
+                tcl.eval('set ::ended 1')
+    for i in range(count):
+        threading.Thread(target=run, args=(i,), daemon=True).start()
+}

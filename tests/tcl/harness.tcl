@@ -122,7 +122,6 @@ proc stockShell {shell dir libPath script} {
     return $r
 }
 
-# A new empty directory; removed by the caller.
 proc scratchDir {name} {
     set dir [file join [testEnv TMPDIR /tmp] pytarn-$name-[pid]-[clock clicks]]
     file mkdir $dir
@@ -147,27 +146,6 @@ proc outcome {script} {
         return [lindex [split [string trimright $message \n] \n] end]
     }
     list ok $message
-}
-
-# startThreads(count, work) runs work(i) on `count` daemon threads; the last to end sets
-# ::ended. Tcl waits for that rather than joining threads in a request: any thread waiting
-# for Tcl may be the one to carry out a request.
-set startThreadsCode {
-import threading
-def startThreads(count, work):
-    left = [count]
-    lock = threading.Lock()
-    def run(i):
-        try:
-            work(i)
-        finally:
-            with lock:
-                left[0] -= 1
-                last = left[0] == 0
-            if last:
-                tcl.eval('set ::ended 1')
-    for i in range(count):
-        threading.Thread(target=run, args=(i,), daemon=True).start()
 }
 
 # One test per ID DESCRIPTION BODY RESULT in TABLE, each with the options OPTIONS.

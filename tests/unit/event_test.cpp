@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace pytarn::event;
@@ -55,23 +56,19 @@ TEST(LockedQueue, KeepsOrderWhateverItsLengthAndWhicheverEntryIsRemoved) {
 TEST(LockedQueue, ConcurrentProducersLoseNothingAndKeepTheirOrder) {
     constexpr int producers = 4, each = 2000;
     TestQueue<const int> queue;
-    std::vector<int> items(producers * each);
+    std::vector<int> items(producers * each), last(producers, -1);
     for (size_t i = 0; i < items.size(); ++i) items[i] = static_cast<int>(i);
     std::vector<std::thread> threads;
     for (int p = 0; p < producers; ++p)
         threads.emplace_back([&, p] {
             for (int i = 0; i < each; ++i) queue.append(&items[p * each + i]);
         });
-    std::vector<int> last(producers, -1);
     size_t popped = 0;
-    for (const auto deadline = Clock::now() + long_bound;
-         popped < items.size() && Clock::now() < deadline;) {
+    for (const auto end = Clock::now() + long_bound; popped < items.size() && Clock::now() < end;)
         if (const int* item = queue.pop()) {
             ++popped;
-            EXPECT_GT(*item, last[*item / each]);
-            last[*item / each] = *item;
+            EXPECT_GT(*item, std::exchange(last[*item / each], *item));
         }
-    }
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(popped, items.size());
 }
