@@ -23,31 +23,6 @@ class _TestMain(unittest.TestCase):
         pass
 
 
-class _Result(unittest.TextTestResult):
-    """Keeps each test's outcome by id (a failing setUpClass arrives as an
-    _ErrorHolder); passes are only counted."""
-
-    def __init__(self, *args, **kwargs):
-        super().__init__(*args, **kwargs)
-        self.outcomes = {}
-        for method, outcome in (("addFailure", "failure"), ("addError", "error"),
-                                ("addSkip", "skip"), ("addExpectedFailure", "expected failure"),
-                                ("addUnexpectedSuccess", "unexpected success")):
-            setattr(self, method, self._noting(getattr(self, method), outcome))
-
-    def _noting(self, add, outcome):
-        def noted(test, *args):
-            add(test, *args)
-            self.outcomes[test.id()] = outcome
-        return noted
-
-    def addSubTest(self, test, subtest, err):
-        super().addSubTest(test, subtest, err)
-        if err is not None:
-            failed = issubclass(err[0], test.failureException)
-            self.outcomes[subtest.id()] = "failure" if failed else "error"
-
-
 def run(names, out_path, executable=None):
     """Runs the tests of the modules NAMES (dotted: test.test_json) as regrtest does by
     default, reports to sys.stderr, and writes the counts and outcomes to OUT_PATH.
@@ -60,7 +35,7 @@ def run(names, out_path, executable=None):
     support.verbose = 0
     support.use_resources = []
     started = time.monotonic()
-    result = _Result(unittest.runner._WritelnDecorator(sys.stderr), True, 0)
+    result = unittest.TextTestResult(unittest.runner._WritelnDecorator(sys.stderr), True, 0)
     # Modules with a test_main run their suites through support.run_unittest, as
     # regrtest lets them; those suites are run into the same result.
     support._run_suite = lambda suite: suite.run(result)
@@ -81,12 +56,19 @@ def run(names, out_path, executable=None):
             unittest.defaultTestLoader.loadTestsFromModule(module).run(result)
     result.stopTestRun()
     result.printErrors()
+    # Each test's outcome by id (a failing setUpClass is an _ErrorHolder, a failing
+    # subtest a _SubTest); passes are only counted.
+    outcomes = {}
+    for outcome, entries in (("failure", result.failures), ("error", result.errors),
+                             ("skip", result.skipped), ("expected failure", result.expectedFailures),
+                             ("unexpected success", [(t, None) for t in result.unexpectedSuccesses])):
+        outcomes.update((test.id(), outcome) for test, _ in entries)
     counts = dict(run=result.testsRun, failures=len(result.failures),
                   errors=len(result.errors), skips=len(result.skipped))
     sys.stderr.write("Ran %(run)d tests: %(failures)d failures, %(errors)d errors, "
                      "%(skips)d skipped\n" % counts)
     with open(out_path, "w", encoding="utf-8") as out:
-        json.dump(dict(counts, outcomes=result.outcomes,
+        json.dump(dict(counts, outcomes=outcomes,
                        seconds=round(time.monotonic() - started, 1)), out, indent=0, sort_keys=True)
 
 

@@ -227,6 +227,10 @@ TEST(Convert, TclContainersAndIntegersKeepTheirShape) {
     Tcl_Obj* bad[] = {Tcl_NewStringObj("a", -1), Tcl_NewStringObj("\xC0\x80", -1),
                       Tcl_NewStringObj("c", -1)};
     EXPECT_EQ(python(Tcl_NewListObj(3, bad)), "['a']");
+    // An item's own error, not a RecursionError, ends only its list.
+    Tcl_Obj* tooLong[] = {Tcl_NewStringObj("1", -1), Tcl_NewStringObj(std::string(5000, '7').c_str(), -1)};
+    Tcl_Obj* outer[] = {Tcl_NewListObj(2, tooLong), Tcl_NewStringObj("2", -1)};
+    EXPECT_EQ(python(Tcl_NewListObj(2, outer)), "[[1], 2]");
     EXPECT_NE(py("sys.stderr.getvalue()").stdstr().find("Error"), std::string::npos);
     ASSERT_TRUE(pytarn_test::pyRun("sys.stderr = saved"));
     SmartTclObj atLimit(nested(max_depth));
