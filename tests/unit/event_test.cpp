@@ -2,7 +2,7 @@
 // queues, the notifier, the output queue, and a call made once shutdown has begun.
 #include "TestEnv.h"
 
-#include "core/Bridge.h"
+#include "event/State.h"
 
 #include <gtest/gtest.h>
 
