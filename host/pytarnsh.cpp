@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "HostCommands.h"
+#include "PythonEnvironment.h"
 #include "pytarn.h"
 
 namespace {
@@ -74,8 +75,11 @@ int appInit(Tcl_Interp* interp) {
 #endif
     const int status = loadInRoot(interp);
     Tcl_SetVar2Ex(interp, "::pytarn::status", nullptr, Tcl_NewIntObj(status), TCL_GLOBAL_ONLY);
-    // Scripts written for tclsh's `package require pytarn` run here unchanged.
-    if (status == 0) Tcl_PkgProvide(interp, "pytarn", PYTARN_VERSION);
+    if (status == 0) {
+        pytarnsh::preparePython(interp);
+        // Scripts written for tclsh's `package require pytarn` run here unchanged.
+        Tcl_PkgProvide(interp, "pytarn", PYTARN_VERSION);
+    }
     int interactive = 0;
     Tcl_Obj* flag = Tcl_GetVar2Ex(interp, "tcl_interactive", nullptr, TCL_GLOBAL_ONLY);
     if (flag && Tcl_GetBooleanFromObj(nullptr, flag, &interactive) == TCL_OK && interactive)

@@ -1,8 +1,10 @@
 // Start-up of the embedded interpreter on the Python thread.
 #include "Bridge.h"
 
+#include "Installation.h"
 #include "convert/PyErrors.h"
 #include "modules/PytarnMod.h"
+#include "modules/EnvironmentMod.h"
 
 #include <filesystem>
 #include <iostream>
@@ -68,6 +70,7 @@ bool startInterpreter() {
     PyImport_AppendInittab("TclMod", PyInit_TclMod);
     PyImport_AppendInittab("Orvanta", PyInit_Orvanta);
     PyImport_AppendInittab("_pytarn", PyInit__pytarn);
+    environment::registerModule();
 
     PyConfig config;
     PyConfig_InitPythonConfig(&config);
@@ -88,12 +91,14 @@ bool startInterpreter() {
     // Absolute already here, not only in sys.path: a subinterpreter starts from this
     // configuration, perhaps after the working directory has changed.
     std::error_code cwd_error;
-    std::wstring cwd = std::filesystem::current_path(cwd_error).wstring() + L"/";
+    const std::filesystem::path root = std::filesystem::current_path(cwd_error);
+    const std::wstring cwd = root.wstring() + L"/";
     for (const wchar_t* entry : search_path) {
         std::wstring path = cwd_error ? std::wstring(entry) : cwd + entry;
         if (!PyStatus_Exception(status))
             status = PyWideStringList_Append(&config.module_search_paths, path.c_str());
     }
+    if (!cwd_error && !PyStatus_Exception(status)) status = describeInstallation(&config, root);
     if (!PyStatus_Exception(status)) status = Py_InitializeFromConfig(&config);
     PyConfig_Clear(&config);
     if (PyStatus_Exception(status)) {
@@ -117,6 +122,7 @@ PyObject* mainEntry(const char* name) {
 
 int init() {
     if (!startInterpreter()) return 1;
+    settlePrefixes();
     SmartPyObj main = SmartPyObj::borrow(PyImport_AddModule("__main__"));
     python_state.main_dict = main ? PyObject_GetAttrString(main.get(), "__dict__") : nullptr;
     if (python::execNoResult(bootstrap_script)) {
@@ -136,6 +142,10 @@ int init() {
     }
     // Steps after the bootstrap, which stays as hosts have always seen it.
     if (!PyErr_Occurred()) attachCallFunctions();
+    // Python's environment as python3 users know it, made after the
+    // bootstrap and without changing what it set up. The bridge works
+    // without it, so a failure is reported and start-up goes on.
+    if (!PyErr_Occurred() && !environment::install()) printPythonError();
     if (PyErr_Occurred()) {
         printPythonError();
         return 1;
