@@ -1,5 +1,6 @@
 // Start-up of the embedded interpreter on the Python thread.
 #include "Bridge.h"
+#include "Environment.h"
 
 #include "convert/PyErrors.h"
 
@@ -66,6 +67,7 @@ const wchar_t* const search_path[] = {L"python/lib", L"python/", L"python/bin/li
 bool startInterpreter() {
     PyImport_AppendInittab("TclMod", PyInit_TclMod);
     PyImport_AppendInittab("Orvanta", PyInit_Orvanta);
+    PyImport_AppendInittab("_pytarn_streams", streams::initModule);
 
     PyConfig config;
     PyConfig_InitPythonConfig(&config);
@@ -117,7 +119,7 @@ int init() {
     if (!startInterpreter()) return 1;
     SmartPyObj main = SmartPyObj::borrow(PyImport_AddModule("__main__"));
     python_state.main_dict = main ? PyObject_GetAttrString(main.get(), "__dict__") : nullptr;
-    python::execNoResult(bootstrap_script);
+    if (!python::execNoResult(bootstrap_script)) setUpEnvironment();
     python_state.tcl = mainEntry("tcl");
     python_state.tcl_error = mainEntry("TclError");
     python_state.shell = mainEntry("OrvaShell");

@@ -1,5 +1,6 @@
 // The entry point, the Python thread's life and the process-wide globals.
 #include "Bridge.h"
+#include "Environment.h"
 
 #include "convert/PyErrors.h"
 
@@ -52,8 +53,10 @@ void afterForkInChild() {
 void remove(ClientData) {
     // What Python printed and Tcl has not written yet goes out while the
     // channels are still open.
-    if (main_tcl_thread == Tcl_GetCurrentThread() && python_alive->load())
+    if (main_tcl_thread == Tcl_GetCurrentThread() && python_alive->load()) {
         event::TclEventQueue::drainOutput();
+        exit_work::run();
+    }
     python_thread.stop();
 }
 
@@ -193,6 +196,9 @@ extern "C" int load(Tcl_Interp* interp) {
         notifier->waitChange(seen, load_wait_bound);
     }
     // Registered here, on the interpreter's own thread, once start-up is done.
-    if (python_thread.status == 0) registerCommands();
+    if (python_thread.status == 0) {
+        registerCommands();
+        interrupts::start(interp);
+    }
     return python_thread.status;
 }

@@ -27,6 +27,7 @@
 
 #include "../convert/SmartObj.h"
 #include "OutputQueue.h"
+#include "RunningCalls.h"
 
 #include <atomic>
 #include <chrono>
@@ -64,6 +65,7 @@ struct alignas(cache_line) PyEvent {
     int exit_code = 0;
     bool exit_requested = false;
     std::atomic<bool> done{false};
+    std::uint64_t call = 0; // its number among the Tcl thread's calls (RunningCalls)
     // The failing exception's type name, which becomes the Tcl error code
     // "PYTHON <name>"; empty when the request did not fail in Python.
     std::string error_type;
@@ -72,7 +74,7 @@ struct alignas(cache_line) PyEvent {
 // A request carried out on the main Tcl thread. Its shape says what it asks:
 // `script` evaluates, `output` writes (only when EventMgr::output is full;
 // other output never waits), `variable` reads (or, with `value`,
-// writes) a global variable; none of them is a no-op.
+// writes) a global variable, `work` runs; none of them is a no-op.
 struct alignas(cache_line) TclEvent {
     TclEvent() = default;
     TclEvent(const TclEvent&) = delete;
@@ -86,6 +88,10 @@ struct alignas(cache_line) TclEvent {
     bool to_stderr = false;
     bool too_deep = false;          // the result was nested too deeply to copy
     std::atomic<bool> done{false};
+    // Work in C on the Tcl thread, for what no Tcl command offers (a channel's
+    // descriptor); `work_data` is the requester's and lives as long as the call.
+    void (*work)(void* work_data) = nullptr;
+    void* work_data = nullptr;
     std::string error;              // non-empty exactly when the request failed
     std::vector<std::string> error_code; // the failure's -errorcode, word by word
 };
@@ -273,6 +279,8 @@ public:
     void serviceAllEvents();
     // Returns once `ev` is done, carrying out Tcl requests meanwhile.
     void waitFor(PyEvent* ev);
+    // The same, but gives up at `deadline`; whether `ev` is done.
+    bool waitFor(PyEvent* ev, std::chrono::steady_clock::time_point deadline);
 };
 
 class EventMgr {
@@ -289,6 +297,7 @@ public:
     PythonEventQueue python_queue;
     TclEventQueue tcl_queue;
     OutputQueue output; // written by Python threads, drained by the Tcl thread
+    RunningCalls calls; // which thread runs each of the Tcl thread's calls
 };
 
 namespace tcl_c_api {

@@ -89,7 +89,17 @@ void reportFailure(PyEvent* ev) {
 } // namespace
 
 void PythonEventQueue::serviceEvent(PyEvent* ev) {
-    SmartPyObj returned(ev->func());
+    RunningCalls& calls = event_mgr->calls;
+    SmartPyObj returned;
+    if (calls.begin(ev->call)) {
+        PyErr_SetNone(PyExc_KeyboardInterrupt); // interrupted before it started
+    } else {
+        returned = ev->func();
+        // An interrupt that came too late for the code to notice it still
+        // ends this request, not the next one on this thread.
+        if (!PyErr_Occurred()) PyErr_CheckSignals();
+    }
+    calls.end(ev->call);
     ev->status = TCL_OK;
     if (!PyErr_Occurred() && returned && returned.get() != Py_None)
         ev->result = tcl_convert::toTcl(returned);

@@ -110,6 +110,9 @@ void TclEventQueue::serviceEvent(TclEvent* ev) {
     } else if (ev->output) {
         writeOutput(ev->to_stderr, ev->output);
         if (!python_alive->load()) return;
+    } else if (ev->work) {
+        ev->work(ev->work_data);
+        if (!python_alive->load()) return;
     } else if (ev->variable && ev->value) {
         Tcl_SetVar2Ex(tcl_interp, tcl_convert::TclText(ev->variable).get(), nullptr,
                       ev->value.get(), TCL_GLOBAL_ONLY);
@@ -138,18 +141,27 @@ void TclEventQueue::serviceAllEvents() {
 }
 
 void TclEventQueue::waitFor(PyEvent* ev) {
+    waitFor(ev, std::chrono::steady_clock::time_point::max());
+}
+
+bool TclEventQueue::waitFor(PyEvent* ev, std::chrono::steady_clock::time_point deadline) {
     for (;;) {
         std::uint64_t seen = notifier->generation();
         if (ev->done.load()) {
             // What the request printed comes before whatever the caller does next.
             drainOutput();
-            return;
+            return true;
         }
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) return false;
         if (TclEvent* request = pop()) {
             serviceEvent(request);
             continue;
         }
         std::chrono::microseconds bound = wait_bound;
+        if (deadline != std::chrono::steady_clock::time_point::max())
+            bound = std::min(bound, std::chrono::duration_cast<std::chrono::microseconds>(
+                                        deadline - now) + std::chrono::microseconds{1});
         if (event_mgr->output.pending()) {
             bound = std::min(bound, event_mgr->output.dueIn());
             if (bound.count() == 0) {
@@ -168,8 +180,10 @@ int EventMgr::spin(PyEvent* ev) {
         Tcl_SetErrorCode(tcl_interp, "PYTARN", "NOTRUNNING", nullptr);
         return TCL_ERROR;
     }
+    ev->call = calls.enter();
     python_queue.push(ev);
     tcl_queue.waitFor(ev);
+    calls.leave();
     return postProcess(ev);
 }
 
