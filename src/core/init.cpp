@@ -67,7 +67,7 @@ const wchar_t* const search_path[] = {L"python/lib", L"python/", L"python/bin/li
 bool startInterpreter() {
     PyImport_AppendInittab("TclMod", PyInit_TclMod);
     PyImport_AppendInittab("Orvanta", PyInit_Orvanta);
-    PyImport_AppendInittab("_pytarn_streams", streams::initModule);
+    PyImport_AppendInittab("_pytarn_env", streams::initModule);
 
     PyConfig config;
     PyConfig_InitPythonConfig(&config);

@@ -5,15 +5,17 @@
 // so hosts may ask from a signal handler) and posts a semaphore. A thread of
 // our own then takes the interpreter lock, finds the thread running the call
 // and raises KeyboardInterrupt there: on Python's main thread (the bridge's
-// own) through Python's SIGINT handling, which also ends a time.sleep or a
-// blocking read; on another thread as an asynchronous exception. Blocked
-// system calls are woken with a signal that has a handler doing nothing.
+// own) through Python's SIGINT flag, which also ends a time.sleep or a
+// blocking read, and on another thread as an asynchronous exception. A signal
+// sent to that thread wakes its blocked system call; on the main thread its
+// handler raises the flag, since Python heeds it only from the main thread.
 #include "Environment.h"
 
 #include <semaphore.h>
 #include <signal.h>
 
 #include <cerrno>
+#include <chrono>
 #include <system_error>
 
 namespace pytarn::interrupts {
@@ -24,11 +26,20 @@ sem_t pending;                   // posted once per request
 std::atomic<bool> started{false}; // `pending` is initialised and has a reader
 
 // Not SIGINT: the host decides what Ctrl-C does to the process. This signal's
-// handler only ends a blocked system call; it is installed at the first
-// interrupt, and only if nobody uses the signal.
+// handler ends a blocked system call of the thread it is sent to; it is
+// installed at the first interrupt, and only if nobody uses the signal.
 int wakeSignal() { return SIGRTMAX - 3; }
 
-void ignoreWake(int) {}
+// Set for the next wake-up of Python's main thread: Python's signal flag is
+// raised there, by the thread that looks at it.
+std::atomic<bool> interrupt_main{false};
+// How long the main thread's handler may take to run (a thread blocked in the
+// kernel runs it at once).
+constexpr std::chrono::milliseconds handler_bound{100};
+
+void onWake(int) {
+    if (interrupt_main.exchange(false)) PyErr_SetInterruptEx(SIGINT);
+}
 
 bool wakeHandlerReady() {
     static int state = 0; // delivery thread only: 1 installed, -1 unavailable
@@ -38,7 +49,7 @@ bool wakeHandlerReady() {
         if (sigaction(wakeSignal(), nullptr, &current) == 0 &&
             !(current.sa_flags & SA_SIGINFO) && current.sa_handler == SIG_DFL) {
             struct sigaction wake {};
-            wake.sa_handler = ignoreWake;
+            wake.sa_handler = onWake;
             sigemptyset(&wake.sa_mask);
             wake.sa_flags = 0; // no SA_RESTART: the blocked call must return
             if (sigaction(wakeSignal(), &wake, nullptr) == 0) state = 1;
@@ -48,17 +59,26 @@ bool wakeHandlerReady() {
 }
 
 void deliver() {
+    using Target = event::RunningCalls::Target;
     PyGILState_STATE gil = PyGILState_Ensure();
-    const event::RunningCalls::Target target = event_mgr->calls.takeMark();
-    if (target.kind == event::RunningCalls::Target::running) {
-        if (target.ident == python_thread.python_ident.load())
-            PyErr_SetInterruptEx(SIGINT);
-        else
-            PyThreadState_SetAsyncExc(target.ident, PyExc_KeyboardInterrupt);
+    const Target target = event_mgr->calls.takeMark();
+    const bool onMain = target.ident == python_thread.python_ident.load();
+    if (target.kind == Target::running && !onMain)
+        PyThreadState_SetAsyncExc(target.ident, PyExc_KeyboardInterrupt);
+    if (target.kind == Target::running && wakeHandlerReady()) {
+        // The lock is kept until the handler has run: the main thread then
+        // takes it afresh, and on the way sees the flag that the handler
+        // raised, whatever other threads did meanwhile.
+        interrupt_main.store(onMain);
+        if (pthread_kill(target.thread, wakeSignal()) != 0) interrupt_main.store(false);
+        const auto until = std::chrono::steady_clock::now() + handler_bound;
+        while (interrupt_main.load() && std::chrono::steady_clock::now() < until)
+            std::this_thread::yield();
     }
+    if (interrupt_main.exchange(false) || (target.kind == Target::running && onMain &&
+                                           !wakeHandlerReady()))
+        PyErr_SetInterruptEx(SIGINT); // seen when the main thread takes the lock
     PyGILState_Release(gil);
-    if (target.kind == event::RunningCalls::Target::running && wakeHandlerReady())
-        pthread_kill(target.thread, wakeSignal());
 }
 
 // Never joined: once the bridge has stopped, the interpreter lock is never
@@ -87,7 +107,7 @@ int interruptCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
 
 bool prepare() {
     // Python's SIGINT slot gets default_int_handler, as in python3, so that
-    // PyErr_SetInterruptEx raises KeyboardInterrupt; signal.signal installs
+    // PyErr_SetInterruptEx raises KeyboardInterrupt. signal.signal installs
     // Python's own C handler on the way, and the host's is put straight back.
     struct sigaction host {};
     if (sigaction(SIGINT, nullptr, &host) != 0) return true;

@@ -1,6 +1,6 @@
-// The built-in module _pytarn_streams: sys.stdout and sys.stderr as text
-// streams (io.TextIOBase) over the host's Tcl channels. Python threads, with
-// the interpreter lock held; the channel work runs on the main Tcl thread.
+// The built-in module _pytarn_env: sys.stdout and sys.stderr as text streams
+// (io.TextIOBase) over the host's Tcl channels. Python threads, with the
+// interpreter lock held; the channel work runs on the main Tcl thread.
 #include "core/Bridge.h"
 #include "core/Environment.h"
 
@@ -149,8 +149,8 @@ PyMethodDef methods[] = {
 
 PyModuleDef definition = {
     PyModuleDef_HEAD_INIT,
-    "_pytarn_streams",
-    "sys.stdout and sys.stderr of the pytarn bridge: text streams over Tcl's channels.",
+    "_pytarn_env",
+    "Python's environment in the pytarn bridge: streams over Tcl's channels.",
     -1,
     methods,
     nullptr,
@@ -172,7 +172,7 @@ PyObject* makeStream(PyObject* streamClass, PyObject* module, const char* channe
 PyObject* initModule() { return PyModule_Create(&definition); }
 
 bool install() {
-    SmartPyObj module(PyImport_ImportModule("_pytarn_streams"));
+    SmartPyObj module(PyImport_ImportModule("_pytarn_env"));
     if (!module) return false;
     PyObject* dict = PyModule_GetDict(module.get()); // borrowed
     SmartPyObj ran(PyRun_String(stream_class, Py_file_input, dict, dict));
