@@ -14,8 +14,8 @@ namespace {
 
 // How long the work may take before it is interrupted (KeyboardInterrupt in
 // the handler that blocks), and how long it may go on after that.
-constexpr std::chrono::milliseconds work_bound{1000};
-constexpr std::chrono::milliseconds interrupted_bound{500};
+constexpr std::chrono::milliseconds work_bound{500};
+constexpr std::chrono::milliseconds interrupted_bound{250};
 
 // Kept for the life of the process: a Python thread may still be writing to
 // it after the Tcl thread has stopped waiting.
