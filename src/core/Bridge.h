@@ -1,82 +1,14 @@
-// The bridge's process-wide state: the Python thread, the cached Python
-// objects and the globals through which every part reaches them.
+// The lifecycle's and the command surface's entry points; the process-wide
+// state they share is in event/State.h.
 #pragma once
 
-#include "../event/Event.h"
-
-#include <pytarn.h>
-
-#include <atomic>
-#include <thread>
+#include "event/State.h"
 
 namespace pytarn {
-
-// Objects cached by init; written only by init, released at static
-// destruction (after the Python thread has ended, so without the lock).
-class PythonState {
-public:
-    PythonState() = default;
-    PythonState(const PythonState&) = delete;
-    PythonState& operator=(const PythonState&) = delete;
-    ~PythonState();
-
-    SmartPyObj main_dict;
-    SmartPyObj tcl;
-    SmartPyObj tcl_error;
-    SmartPyObj shell;
-    SmartPyObj complete_expression;
-    SmartPyObj tab_complete;
-    SmartPyObj make_function;
-};
-
-class PythonThread {
-public:
-    PythonThread() = default;
-    PythonThread(const PythonThread&) = delete;
-    PythonThread& operator=(const PythonThread&) = delete;
-
-    // The body of the Python thread: init, then service requests until
-    // `alive` is cleared.
-    void run();
-    // Clears `alive`, wakes every waiter and joins the thread. Python code
-    // that runs on regardless is interrupted; a thread that has still not
-    // ended after a bound (one blocked outside Python) is left behind, so
-    // that the host's exit never waits for it.
-    void stop();
-
-    std::thread thread;
-    std::atomic<bool> alive{true};
-    // This process is a fork of the host (multiprocessing, os.fork): only the
-    // forking thread lives on, and no Tcl thread will ever serve a request.
-    std::atomic<bool> forked{false};
-    std::atomic<bool> ready{false};
-    std::atomic<bool> finished{false};        // run() will run no more Python
-    std::atomic<unsigned long> python_ident{0}; // the thread's Python identity
-    std::atomic<bool> interrupting{false};      // stop() has begun interrupting
-    int status = 0; // published by the store to `ready`
-    event::Notifier notifier;
-    event::EventMgr event_mgr;
-};
-
-extern PythonState python_state;
-extern PythonThread& python_thread;
-extern event::Notifier* const notifier;
-extern event::EventMgr* const event_mgr;
-extern std::atomic<bool>* const python_alive;
-extern Tcl_ThreadId main_tcl_thread;
-extern Tcl_Interp* tcl_interp;
-
-// True while requests for Python can be carried out: start-up succeeded and
-// shutdown has not begun.
-bool pythonRunning();
 
 // Runs on the Python thread; returns 0 on success, 1 on failure, holding the
 // interpreter lock either way.
 int init();
-
-// Prints and clears the pending Python error through sys.stderr. Unlike a
-// bare PyErr_Print it never ends the process on SystemExit.
-void printPythonError();
 
 // Work functions: run on a Python thread with the interpreter lock held;
 // return a new reference, or null with a Python error set.
@@ -100,12 +32,6 @@ int tabComplete(void* clientData, Tcl_Interp* interp, int argc, const char** arg
 int get(void* clientData, Tcl_Interp* interp, int argc, const char** argv);
 int set(void* clientData, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]);
 } // namespace tcl_api
-
-namespace buffer {
-// Looks up the host's buffer functions in the process; main Tcl thread, before
-// the Python thread starts. Without them Orvanta's functions raise.
-void findHostLibrary();
-} // namespace buffer
 
 namespace c_api {
 int createFunction(const char* first, const char* second);

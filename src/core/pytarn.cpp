@@ -3,6 +3,7 @@
 #include "Environment.h"
 
 #include "convert/PyErrors.h"
+#include "modules/OrvantaMod.h"
 
 #include <chrono>
 #include <iostream>
@@ -87,10 +88,6 @@ void registerCommands() {
 }
 
 } // namespace
-
-bool pythonRunning() {
-    return python_thread.ready.load() && python_thread.status == 0 && python_thread.alive.load();
-}
 
 PythonState::~PythonState() {
     // The Python thread has ended holding the interpreter lock, and nothing

@@ -25,7 +25,7 @@
 //   directly; the timed bounds are a safety net, not a mechanism.
 #pragma once
 
-#include "../convert/SmartObj.h"
+#include "convert/SmartObj.h"
 #include "OutputQueue.h"
 #include "RunningCalls.h"
 

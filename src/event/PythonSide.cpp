@@ -1,6 +1,6 @@
 // The Python threads' half of the transport: carrying out requests from Tcl
 // and waiting for their own requests to Tcl. See Event.h for the model.
-#include "core/Bridge.h"
+#include "State.h"
 #include "convert/TclConvert.h"
 
 namespace pytarn::event {

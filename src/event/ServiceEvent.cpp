@@ -1,6 +1,6 @@
 // Carrying out one request from Tcl on a Python thread, and turning a Python
 // exception into the Tcl error result.
-#include "core/Bridge.h"
+#include "State.h"
 #include "convert/PyErrors.h"
 #include "convert/TclConvert.h"
 

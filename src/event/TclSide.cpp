@@ -1,6 +1,6 @@
 // The Tcl thread's half of the transport: carrying out requests from Python
 // and waiting for its own requests to Python. See Event.h for the model.
-#include "core/Bridge.h"
+#include "State.h"
 #include "convert/TclConvert.h"
 
 namespace pytarn::event {

@@ -4,7 +4,11 @@
 // the Python thread reads the pointers without synchronisation. Both module
 // functions run on the Python thread with the interpreter lock held and call
 // the host directly; the host guards its own store.
-#include "core/Bridge.h"
+#include "OrvantaMod.h"
+
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+#include <pytarn.h>
 
 #include <dlfcn.h>
 

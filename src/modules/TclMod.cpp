@@ -1,7 +1,7 @@
 // The built-in module TclMod: Python's way into the host's Tcl interpreter.
 // Every function goes to the main Tcl thread as a request, so the Tcl
 // interpreter is only ever used on its own thread.
-#include "core/Bridge.h"
+#include "event/State.h"
 #include "convert/TclConvert.h"
 
 #include "ForkedOutput.h"

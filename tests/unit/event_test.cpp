@@ -1,6 +1,6 @@
 #include "TestEnv.h"
 
-#include "core/Bridge.h"
+#include "event/State.h"
 
 #include <gtest/gtest.h>
 
