@@ -89,7 +89,7 @@ int bufferCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (Tcl_GetIndexFromObj(interp, objv[1], subcommands, "subcommand", 0, &index) != TCL_OK)
         return TCL_ERROR;
     // The store copies names and contents.
-    return withoutExceptions(interp, [&] { return procs[index](interp, objc, objv); });
+    return tclGuard(interp, [&] { return procs[index](interp, objc, objv); });
 }
 
 } // namespace

@@ -330,7 +330,7 @@ int consoleCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
         Tcl_WrongNumArgs(interp, 1, objv, nullptr);
         return TCL_ERROR;
     }
-    return withoutExceptions(interp, [&] { return console(interp); });
+    return tclGuard(interp, [&] { return console(interp); });
 }
 
 } // namespace

@@ -4,21 +4,13 @@
 
 #include <tcl.h>
 
-#include <new>
+// The library's own barrier: no exception crosses into Tcl, an allocation
+// failure becomes the error "out of memory".
+#include "convert/Guard.h"
 
 namespace pytarnsh {
 
-// Runs a command's body so that no exception crosses into Tcl: an allocation
-// failure becomes the error "out of memory".
-template <typename Body>
-int withoutExceptions(Tcl_Interp* interp, Body body) {
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-        Tcl_SetResult(interp, const_cast<char*>("out of memory"), TCL_STATIC);
-        return TCL_ERROR;
-    }
-}
+using pytarn::tclGuard;
 
 // ::pytarn::createFunction FIRST ?SECOND?: the bridge's exported createFunction.
 void registerFunctionCommand(Tcl_Interp* interp);

@@ -4,6 +4,8 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#include "Guard.h"
+
 namespace pytarn {
 
 // Prints the pending Python error through sys.stderr and clears it. Unlike
@@ -14,5 +16,23 @@ void printPythonError();
 // The exit code Python would use for an unhandled SystemExit `value`; the
 // message of a non-integer code is written to sys.stderr as Python does.
 int systemExitCode(PyObject* value);
+
+// For a function that Python calls (or a work function whose result Python
+// gets): an exception becomes a raised MemoryError, or a RuntimeError for
+// anything other than an allocation failure. Interpreter lock held.
+template <typename Body>
+PyObject* pythonGuard(Body&& body) noexcept {
+    return withoutExceptions(body, [](bool out_of_memory) -> PyObject* {
+        if (out_of_memory) return PyErr_NoMemory();
+        PyErr_SetString(PyExc_RuntimeError, "internal error in pytarn");
+        return nullptr;
+    });
+}
+
+// A module function (METH_VARARGS) that runs `Function` under pythonGuard.
+template <PyObject* (*Function)(PyObject*, PyObject*)>
+PyObject* guardedMethod(PyObject* self, PyObject* args) {
+    return pythonGuard([self, args] { return Function(self, args); });
+}
 
 } // namespace pytarn

@@ -1,6 +1,8 @@
 // C entry points for the host besides `load`.
 #include "Bridge.h"
 
+#include "convert/Guard.h"
+
 namespace pytarn::c_api {
 
 // Refuses at once, rather than queueing a request that no thread would carry
@@ -11,8 +13,13 @@ namespace pytarn::c_api {
 int createFunction(const char* first, const char* second) {
     if (!python_thread.ready.load()) return TCL_ERROR;
     if (Tcl_GetCurrentThread() != main_tcl_thread) return TCL_ERROR;
-    event::PyEvent request([first, second] { return python::createFunction(first, second); });
-    return event_mgr->spin(&request); // sets "Python interpreter is not running" itself
+    Tcl_Interp* interp = tcl_interp;
+    if (!interp) return TCL_ERROR; // the host deleted it
+    return tclGuard(interp, [first, second] {
+        event::PyEvent request(
+            [first, second] { return python::createFunction(first, second); });
+        return event_mgr->spin(&request); // sets "Python interpreter is not running" itself
+    });
 }
 
 } // namespace pytarn::c_api

@@ -75,7 +75,8 @@ PyObject* work() {
 } // namespace
 
 void run() {
-    if (record || !pythonRunning() || Tcl_GetCurrentThread() != main_tcl_thread) return;
+    if (record || !pythonRunning() || !tcl_interp || Tcl_GetCurrentThread() != main_tcl_thread)
+        return;
     record = new event::PyEvent(work);
     event::EventMgr& events = *event_mgr;
     // Counted as a call of the Tcl thread, so that an interrupt reaches it.

@@ -119,7 +119,11 @@ int init() {
     if (!startInterpreter()) return 1;
     SmartPyObj main = SmartPyObj::borrow(PyImport_AddModule("__main__"));
     python_state.main_dict = main ? PyObject_GetAttrString(main.get(), "__dict__") : nullptr;
-    if (!python::execNoResult(bootstrap_script)) setUpEnvironment();
+    if (python::execNoResult(bootstrap_script)) {
+        printPythonError();
+        return 1;
+    }
+    setUpEnvironment();
     python_state.tcl = mainEntry("tcl");
     python_state.tcl_error = mainEntry("TclError");
     python_state.shell = mainEntry("OrvaShell");

@@ -5,6 +5,8 @@
 #include "Bridge.h"
 #include "Environment.h"
 
+#include "convert/Guard.h"
+
 #include <dlfcn.h>
 
 #include <cerrno>
@@ -77,6 +79,10 @@ int loadPackage(Tcl_Interp* interp) {
                     Tcl_ObjPrintf("pytarn: Python did not start from the installation root "
                                   "\"%s\" (the reasons are on stderr)",
                                   Tcl_GetString(root)));
+    } else if (python_thread.interp_deleted.load()) {
+        // Its commands went with that interpreter; Python cannot be started twice.
+        code = fail(interp, "DELETED",
+                    Tcl_NewStringObj("pytarn: its interpreter was deleted", -1));
     } else if (tcl_interp != interp) {
         // One interpreter per process owns the bridge and its commands.
         code = fail(interp, "INTERP",
@@ -94,10 +100,5 @@ int loadPackage(Tcl_Interp* interp) {
 
 extern "C" int Pytarn_Init(Tcl_Interp* interp) {
     if (!Tcl_InitStubs(interp, "8.6", 0)) return TCL_ERROR;
-    try {
-        return pytarn::loadPackage(interp);
-    } catch (const std::bad_alloc&) {
-        Tcl_SetResult(interp, const_cast<char*>("pytarn: out of memory"), TCL_STATIC);
-        return TCL_ERROR;
-    }
+    return pytarn::tclGuard(interp, [interp] { return pytarn::loadPackage(interp); });
 }

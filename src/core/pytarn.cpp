@@ -2,6 +2,7 @@
 #include "Bridge.h"
 #include "Environment.h"
 
+#include "convert/Guard.h"
 #include "convert/PyErrors.h"
 #include "modules/OrvantaMod.h"
 
@@ -12,11 +13,12 @@
 
 namespace pytarn {
 
-// python_state is constructed first so that it is released last, after the
-// Python thread has been stopped. The thread object itself is never destroyed:
-// daemon threads started by Python code may still sit in its queues and waits
-// while the process exits, so only the stop runs at static destruction.
-PythonState python_state;
+// Neither object is ever destroyed: daemon threads started by Python code may
+// still sit in the thread object's queues and waits while the process exits,
+// and the cached Python objects may only be released with the interpreter
+// lock, which the ended Python thread keeps. Only the stop runs at static
+// destruction.
+PythonState& python_state = *new PythonState;
 PythonThread& python_thread = *new PythonThread;
 namespace {
 struct StopAtExit {
@@ -52,13 +54,26 @@ void afterForkInChild() {
 }
 
 void remove(ClientData) {
-    // What Python printed and Tcl has not written yet goes out while the
-    // channels are still open.
-    if (main_tcl_thread == Tcl_GetCurrentThread() && python_alive->load()) {
-        event::TclEventQueue::drainOutput();
-        exit_work::run();
-    }
-    python_thread.stop();
+    withoutExceptions(
+        [] {
+            // What Python printed and Tcl has not written yet goes out while
+            // the channels are still open.
+            if (main_tcl_thread == Tcl_GetCurrentThread() && python_alive->load()) {
+                event::TclEventQueue::drainOutput();
+                exit_work::run();
+            }
+            python_thread.stop();
+        },
+        [](bool) {});
+}
+
+// The host deleted the bridge's interpreter (a child interpreter it was
+// loaded into, or a host that deletes its own). Its commands went with it;
+// Python runs on, and its calls into Tcl fail from now on (see TclSide.cpp).
+void interpDeleted(ClientData, Tcl_Interp*) {
+    tcl_interp = nullptr;
+    python_thread.interp_deleted.store(true);
+    notifier->notifyAll();
 }
 
 // Raises SystemExit in the code that the Python thread runs, again each time
@@ -89,21 +104,11 @@ void registerCommands() {
 
 } // namespace
 
-PythonState::~PythonState() {
-    // The Python thread has ended holding the interpreter lock, and nothing
-    // else runs Python now, so the references are given back without it. A
-    // thread that stop() left behind may still run Python: then they are kept.
-    const bool ended = python_thread.finished.load();
-    for (SmartPyObj* field : {&make_function, &tab_complete, &complete_expression, &shell,
-                              &tcl_error, &tcl, &main_dict}) {
-        PyObject* reference = field->release();
-        if (ended) Py_XDECREF(reference);
-    }
-}
-
 void PythonThread::run() {
     python_ident.store(PyThread_get_thread_ident());
-    if (init() != 0) {
+    // An exception here (start-up allocates) is a failed start, not the end
+    // of the host's process.
+    if (withoutExceptions([] { return init(); }, [](bool) { return 1; }) != 0) {
         std::cerr << "error loading pytarn\n";
         status = 1;
         alive.store(false);
@@ -168,14 +173,14 @@ void PythonThread::stop() {
 
 using namespace pytarn;
 
-extern "C" int load(Tcl_Interp* interp) {
-    if (!Tcl_InitStubs(interp, "8.6", 0)) return 1;
-    if (load_called) return python_thread.ready.load() ? python_thread.status : 1;
-    load_called = true;
+namespace {
+
+int startBridge(Tcl_Interp* interp) {
 
     Tcl_CreateExitHandler(remove, nullptr);
     pthread_atfork(nullptr, nullptr, afterForkInChild);
     tcl_interp = interp;
+    Tcl_CallWhenDeleted(interp, interpDeleted, nullptr);
     main_tcl_thread = Tcl_GetCurrentThread();
     Tcl_CreateNamespace(interp, "::python", nullptr, nullptr);
     buffer::findHostLibrary();
@@ -198,4 +203,14 @@ extern "C" int load(Tcl_Interp* interp) {
         interrupts::start(interp);
     }
     return python_thread.status;
+}
+
+} // namespace
+
+extern "C" int load(Tcl_Interp* interp) {
+    if (!Tcl_InitStubs(interp, "8.6", 0)) return 1;
+    if (load_called) return python_thread.ready.load() ? python_thread.status : 1;
+    load_called = true;
+    return withoutExceptions([interp] { return startBridge(interp); },
+                             [](bool) { return 1; });
 }

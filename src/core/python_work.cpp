@@ -106,8 +106,9 @@ PyObject* set(const char* target, SmartTclObj* value) {
     }
     if (python_state.tcl &&
         PyObject_SetAttrString(python_state.tcl.get(), "__swap", converted.get()) != 0)
-        Py_RETURN_NONE; // the pending error fails the request
-    execNoResult((std::string(target) + " = __tcl.__swap\n__tcl.__swap = None\n").c_str());
+        return nullptr;
+    if (execNoResult((std::string(target) + " = __tcl.__swap\n__tcl.__swap = None\n").c_str()))
+        return nullptr;
     Py_RETURN_NONE;
 }
 

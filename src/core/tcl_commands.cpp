@@ -2,6 +2,7 @@
 // stack, hands it to the Python side and waits (EventMgr::spin).
 #include "Bridge.h"
 
+#include "convert/Guard.h"
 #include "convert/TclConvert.h"
 
 #include <string>
@@ -37,40 +38,46 @@ int runText(PyObject* (*work)(const char*), const char* text) {
 
 } // namespace
 
-int eval(void*, Tcl_Interp*, int argc, const char** argv) {
+int eval(void*, Tcl_Interp* interp, int argc, const char** argv) {
     if (argc <= 1) return TCL_OK;
-    std::string code = joinWords(argc, argv);
-    return runText(python::eval, code.c_str());
+    return tclGuard(interp, [&] {
+        std::string code = joinWords(argc, argv);
+        return runText(python::eval, code.c_str());
+    });
 }
 
-int exec(void*, Tcl_Interp*, int argc, const char** argv) {
-    std::string code = joinWords(argc, argv);
-    return runText(python::exec, code.c_str());
+int exec(void*, Tcl_Interp* interp, int argc, const char** argv) {
+    return tclGuard(interp, [&] {
+        std::string code = joinWords(argc, argv);
+        return runText(python::exec, code.c_str());
+    });
 }
 
 int check(void*, Tcl_Interp* interp, int argc, const char** argv) {
     if (argc != 2) return invalid(interp);
-    return runText(python::check, argv[1]);
+    return tclGuard(interp, [&] { return runText(python::check, argv[1]); });
 }
 
 int tabComplete(void*, Tcl_Interp* interp, int argc, const char** argv) {
     if (argc != 2) return invalid(interp);
-    return runText(python::tabComplete, argv[1]);
+    return tclGuard(interp, [&] { return runText(python::tabComplete, argv[1]); });
 }
 
 int get(void*, Tcl_Interp* interp, int argc, const char** argv) {
     if (argc != 2) return invalid(interp);
-    return runText(python::get, argv[1]);
+    return tclGuard(interp, [&] { return runText(python::get, argv[1]); });
 }
 
 int set(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc != 3) return invalid(interp);
-    // The Python side reads a private copy: the original may be touched by
-    // Tcl code that runs for other Python threads while this one waits.
-    SmartTclObj value(tcl_convert::detachedCopy(objv[2]));
-    std::string target = Tcl_GetString(objv[1]);
-    PyEvent request([&target, &value] { return python::set(target.c_str(), &value); });
-    return event_mgr->spin(&request);
+    return tclGuard(interp, [&] {
+        // The Python side reads a private copy: the original may be touched by
+        // Tcl code that runs for other Python threads while this one waits.
+        SmartTclObj value(tcl_convert::detachedCopy(objv[2]));
+        std::string target = Tcl_GetString(objv[1]);
+        PyEvent request([&target, &value] { return python::set(target.c_str(), &value); });
+        return event_mgr->spin(&request);
+    });
 }
 
 } // namespace pytarn::tcl_api

@@ -87,6 +87,10 @@ struct alignas(cache_line) TclEvent {
     SmartTclObj result;             // a detached copy of the Tcl result
     bool to_stderr = false;
     bool too_deep = false;          // the result was nested too deeply to copy
+    // Failures of the bridge itself, flagged without allocating: Python gets
+    // MemoryError, or TclError once the interpreter has been deleted.
+    bool no_memory = false;
+    bool interp_deleted = false;
     std::atomic<bool> done{false};
     // Work in C on the Tcl thread, for what no Tcl command offers (a channel's
     // descriptor); `work_data` is the requester's and lives as long as the call.
@@ -256,7 +260,8 @@ public:
     // Lock held for the whole call.
     void serviceAllEvents();
     // Lock held on entry and on return; released while waiting. Returns
-    // when `ev` is done or the bridge is shutting down.
+    // when `ev` is done, the bridge is shutting down, or the interpreter has
+    // been deleted while `ev` still waited in the queue.
     void waitFor(TclEvent* ev);
 };
 

@@ -7,6 +7,12 @@ namespace pytarn::event {
 
 namespace {
 constexpr std::chrono::seconds wait_bound{1};
+
+// Once the interpreter is deleted only output is still written (to the
+// standard channels, which outlive it); everything else fails.
+bool refused(const TclEvent* ev) {
+    return !ev->output && python_thread.interp_deleted.load();
+}
 } // namespace
 
 void PythonEventQueue::push(PyEvent* ev) {
@@ -38,6 +44,14 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
             break;
         }
         if (ev->done.load()) break;
+        // The interpreter was deleted while the request still waited: the
+        // Tcl thread would only refuse it. Taken out here, it is this
+        // thread's again; one the Tcl thread has taken, it completes.
+        if (refused(ev) && event_mgr->tcl_queue.remove(ev)) {
+            ev->interp_deleted = true;
+            ev->done.store(true);
+            break;
+        }
         if (serviceOneEvent(&state)) continue;
         notifier->waitChange(seen, wait_bound,
                              [&] { return ev->done.load() || !looksEmpty(); });
@@ -47,6 +61,10 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
 
 PyObject* EventMgr::spin(TclEvent* ev) {
     if (!python_alive->load()) Py_RETURN_NONE; // shutting down: Tcl takes no more
+    if (refused(ev)) {
+        ev->interp_deleted = true;
+        return postProcess(ev);
+    }
     tcl_queue.push(ev);
     python_queue.waitFor(ev);
     if (!ev->done.load()) Py_RETURN_NONE;
@@ -57,6 +75,11 @@ PyObject* EventMgr::spin(TclEvent* ev) {
 }
 
 PyObject* EventMgr::postProcess(TclEvent* ev) {
+    if (ev->no_memory) return PyErr_NoMemory();
+    if (ev->interp_deleted) {
+        ev->error = "the Tcl interpreter of the bridge has been deleted";
+        ev->error_code = {"PYTARN", "DELETED"};
+    }
     if (!ev->error.empty()) {
         PyObject* type = python_state.tcl_error ? python_state.tcl_error.get()
                                                 : PyExc_RuntimeError;

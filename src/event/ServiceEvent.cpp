@@ -94,18 +94,31 @@ void PythonEventQueue::serviceEvent(PyEvent* ev) {
     if (calls.begin(ev->call)) {
         PyErr_SetNone(PyExc_KeyboardInterrupt); // interrupted before it started
     } else {
-        returned = ev->func();
+        // An exception in the work becomes a Python MemoryError (or
+        // RuntimeError) and is reported like any other failure.
+        returned = pythonGuard([ev] { return ev->func(); });
         // An interrupt that came too late for the code to notice it still
         // ends this request, not the next one on this thread.
         if (!PyErr_Occurred()) PyErr_CheckSignals();
     }
     calls.end(ev->call);
     ev->status = TCL_OK;
-    if (!PyErr_Occurred() && returned && returned.get() != Py_None)
-        ev->result = tcl_convert::toTcl(returned);
-    // A conversion that failed (too deep, a raising __str__) fails the
-    // request rather than leaving its error for the next one.
-    if (PyErr_Occurred()) reportFailure(ev);
+    withoutExceptions(
+        [&] {
+            if (!PyErr_Occurred() && returned && returned.get() != Py_None)
+                ev->result = tcl_convert::toTcl(returned);
+            // A conversion that failed (too deep, a raising __str__) fails the
+            // request rather than leaving its error for the next one.
+            if (PyErr_Occurred()) reportFailure(ev);
+        },
+        [ev](bool out_of_memory) {
+            // Reporting failed too: a fixed message, and no error left set.
+            PyErr_Clear();
+            ev->exit_requested = false;
+            ev->status = TCL_ERROR;
+            ev->result = tcl_convert::toTcl(out_of_memory ? "out of memory"
+                                                          : "internal error in pytarn");
+        });
     ev->done.store(true);
     notifier->notifyAll();
     // `returned` is released only now: its release may run Python code.

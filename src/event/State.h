@@ -13,14 +13,15 @@
 
 namespace pytarn {
 
-// Objects cached by init; written only by init, released at static
-// destruction (after the Python thread has ended, so without the lock).
+// Objects cached by init; written only by init and never released: the
+// interpreter is never finalised, and at exit no thread may run Python any
+// more, so a release (which may run a deallocator or __del__) has no thread
+// to run on. The one instance is never destroyed.
 class PythonState {
 public:
     PythonState() = default;
     PythonState(const PythonState&) = delete;
     PythonState& operator=(const PythonState&) = delete;
-    ~PythonState();
 
     SmartPyObj main_dict;
     SmartPyObj tcl;
@@ -55,17 +56,22 @@ public:
     std::atomic<bool> finished{false};        // run() will run no more Python
     std::atomic<unsigned long> python_ident{0}; // the thread's Python identity
     std::atomic<bool> interrupting{false};      // stop() has begun interrupting
+    // The host deleted the interpreter the bridge was loaded into: Python
+    // lives on, its calls into Tcl fail. Set on the main Tcl thread.
+    std::atomic<bool> interp_deleted{false};
     int status = 0; // published by the store to `ready`
     event::Notifier notifier;
     event::EventMgr event_mgr;
 };
 
-extern PythonState python_state;
+extern PythonState& python_state;
 extern PythonThread& python_thread;
 extern event::Notifier* const notifier;
 extern event::EventMgr* const event_mgr;
 extern std::atomic<bool>* const python_alive;
 extern Tcl_ThreadId main_tcl_thread;
+// The interpreter given to `load`; null once the host has deleted it. Read
+// and written only on the main Tcl thread.
 extern Tcl_Interp* tcl_interp;
 
 // True while requests for Python can be carried out: start-up succeeded and

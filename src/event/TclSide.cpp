@@ -1,6 +1,7 @@
 // The Tcl thread's half of the transport: carrying out requests from Python
 // and waiting for its own requests to Python. See Event.h for the model.
 #include "State.h"
+#include "convert/Guard.h"
 #include "convert/TclConvert.h"
 
 namespace pytarn::event {
@@ -26,10 +27,25 @@ Tcl_Obj* outputScript(bool to_stderr) {
 
 // Through puts, so that a host that redefines puts (a console window) gets
 // Python's output too. A trace on ::python::__buff sees each piece once.
+// Once the interpreter has been deleted, straight to the thread's standard
+// channels, which outlive it.
 void writeOutput(bool to_stderr, const char* text) {
-    Tcl_SetVar(tcl_interp, "::python::__buff", tcl_convert::TclText(text).get(),
-               TCL_GLOBAL_ONLY);
-    Tcl_EvalObjEx(tcl_interp, outputScript(to_stderr), 0);
+    Tcl_Interp* interp = tcl_interp;
+    if (!interp) {
+        if (Tcl_Channel channel = Tcl_GetStdChannel(to_stderr ? TCL_STDERR : TCL_STDOUT))
+            Tcl_WriteChars(channel, tcl_convert::TclText(text).get(), -1);
+        return;
+    }
+    Tcl_Preserve(interp); // puts may be a host's procedure that deletes it
+    tcl_convert::TclText piece(text);
+    if (!Tcl_SetVar(interp, "::python::__buff", piece.get(), TCL_GLOBAL_ONLY)) {
+        // A script deleted the namespace: the variable is made again rather
+        // than the output lost.
+        Tcl_CreateNamespace(interp, "::python", nullptr, nullptr);
+        Tcl_SetVar(interp, "::python::__buff", piece.get(), TCL_GLOBAL_ONLY);
+    }
+    Tcl_EvalObjEx(interp, outputScript(to_stderr), 0);
+    Tcl_Release(interp);
 }
 
 void complete(TclEvent* ev) {
@@ -91,43 +107,75 @@ bool TclEventQueue::drainOutput() {
     return wrote;
 }
 
+// Carries out a request that needs the interpreter, which the caller keeps
+// preserved. False when shutdown began meanwhile: the record may be gone.
+bool carryOut(Tcl_Interp* interp, TclEvent* ev) {
+    if (ev->script) {
+        int code = Tcl_EvalEx(interp, tcl_convert::TclText(ev->script).get(), -1,
+                              TCL_EVAL_GLOBAL);
+        if (!python_alive->load()) return false;
+        Tcl_Obj* result = Tcl_GetObjResult(interp);
+        if (code != TCL_OK) {
+            ev->error = Tcl_GetString(result);
+            storeErrorCode(ev, code);
+        }
+        if (ev->error.empty()) storeResult(ev, result);
+    } else if (ev->work) {
+        ev->work(ev->work_data);
+        if (!python_alive->load()) return false;
+    } else if (ev->variable && ev->value) {
+        Tcl_SetVar2Ex(interp, tcl_convert::TclText(ev->variable).get(), nullptr,
+                      ev->value.get(), TCL_GLOBAL_ONLY);
+        ev->value = nullptr; // the variable's reference is Tcl's alone
+    } else if (ev->variable) {
+        Tcl_Obj* value = Tcl_GetVar2Ex(interp, tcl_convert::TclText(ev->variable).get(),
+                                       nullptr, TCL_GLOBAL_ONLY | TCL_LEAVE_ERR_MSG);
+        if (value) {
+            storeResult(ev, value);
+        } else {
+            ev->error = Tcl_GetStringResult(interp);
+            storeErrorCode(ev, TCL_ERROR);
+        }
+    }
+    return true;
+}
+
+// An allocation that failed half way leaves no partial outcome behind.
+// False, as carryOut, when the record may be gone.
+bool failedInternally(TclEvent* ev) {
+    if (!python_alive->load()) return false;
+    ev->error.clear();
+    ev->error_code.clear();
+    ev->result = nullptr;
+    ev->no_memory = true;
+    return true;
+}
+
 void TclEventQueue::serviceEvent(TclEvent* ev) {
     // Once shutdown has begun a requester may have abandoned its record, and
     // a script run here may itself begin shutdown: test before every touch.
     if (!python_alive->load()) return;
     drainOutput();
     if (!python_alive->load()) return;
-    if (ev->script) {
-        int code = Tcl_EvalEx(tcl_interp, tcl_convert::TclText(ev->script).get(), -1,
-                              TCL_EVAL_GLOBAL);
-        if (!python_alive->load()) return;
-        Tcl_Obj* result = Tcl_GetObjResult(tcl_interp);
-        if (code != TCL_OK) {
-            ev->error = Tcl_GetString(result);
-            storeErrorCode(ev, code);
-        }
-        if (ev->error.empty()) storeResult(ev, result);
-    } else if (ev->output) {
+    if (ev->output) {
         writeOutput(ev->to_stderr, ev->output);
         if (!python_alive->load()) return;
-    } else if (ev->work) {
-        ev->work(ev->work_data);
-        if (!python_alive->load()) return;
-    } else if (ev->variable && ev->value) {
-        Tcl_SetVar2Ex(tcl_interp, tcl_convert::TclText(ev->variable).get(), nullptr,
-                      ev->value.get(), TCL_GLOBAL_ONLY);
-        ev->value = nullptr; // the variable's reference is Tcl's alone
-    } else if (ev->variable) {
-        Tcl_Obj* value = Tcl_GetVar2Ex(tcl_interp, tcl_convert::TclText(ev->variable).get(),
-                                       nullptr, TCL_GLOBAL_ONLY | TCL_LEAVE_ERR_MSG);
-        if (value) {
-            storeResult(ev, value);
-        } else {
-            ev->error = Tcl_GetStringResult(tcl_interp);
-            storeErrorCode(ev, TCL_ERROR);
-        }
+        complete(ev);
+        return;
     }
-    complete(ev);
+    Tcl_Interp* interp = tcl_interp;
+    if (!interp) {
+        ev->interp_deleted = true;
+        complete(ev);
+        return;
+    }
+    // A script may delete the interpreter (through a parent's alias); it is
+    // freed, and interpDeleted runs, only at the release.
+    Tcl_Preserve(interp);
+    const bool carried = withoutExceptions([&] { return carryOut(interp, ev); },
+                                           [ev](bool) { return failedInternally(ev); });
+    Tcl_Release(interp);
+    if (carried) complete(ev);
 }
 
 void TclEventQueue::serviceAllEvents() {
@@ -174,17 +222,24 @@ bool TclEventQueue::waitFor(PyEvent* ev, std::chrono::steady_clock::time_point d
 }
 
 int EventMgr::spin(PyEvent* ev) {
+    Tcl_Interp* interp = tcl_interp;
+    if (!interp) return TCL_ERROR; // deleted: nothing to report the outcome to
     if (!pythonRunning()) {
-        Tcl_SetResult(tcl_interp, const_cast<char*>("Python interpreter is not running"),
+        Tcl_SetResult(interp, const_cast<char*>("Python interpreter is not running"),
                       TCL_STATIC);
-        Tcl_SetErrorCode(tcl_interp, "PYTARN", "NOTRUNNING", nullptr);
+        Tcl_SetErrorCode(interp, "PYTARN", "NOTRUNNING", nullptr);
         return TCL_ERROR;
     }
     ev->call = calls.enter();
+    // Python may have the interpreter deleted meanwhile; it stays usable
+    // until the release, where interpDeleted runs.
+    Tcl_Preserve(interp);
     python_queue.push(ev);
     tcl_queue.waitFor(ev);
     calls.leave();
-    return postProcess(ev);
+    const int code = postProcess(ev);
+    Tcl_Release(interp);
+    return code;
 }
 
 int EventMgr::postProcess(PyEvent* ev) {
@@ -230,7 +285,9 @@ int tclEventQueueProc(Tcl_Event*, int) {
         std::lock_guard<std::mutex> lock(event_queue_mutex);
         event_exists = false;
     }
-    event_mgr->tcl_queue.serviceAllEvents();
+    // Every request is carried out under a guard of its own; this one only
+    // keeps the event loop's frames clear of what the queue itself may throw.
+    withoutExceptions([] { event_mgr->tcl_queue.serviceAllEvents(); }, [](bool) {});
     return 1;
 }
 

@@ -6,6 +6,8 @@
 // the host directly; the host guards its own store.
 #include "OrvantaMod.h"
 
+#include "convert/PyErrors.h"
+
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 #include <pytarn.h>
@@ -155,8 +157,8 @@ PyObject* setBytes(PyObject*, PyObject* args) {
 }
 
 PyMethodDef orvanta_methods[] = {
-    {"__buffGetBytes", getBytes, METH_VARARGS, nullptr},
-    {"__buffSetBytes", setBytes, METH_VARARGS, nullptr},
+    {"__buffGetBytes", guardedMethod<getBytes>, METH_VARARGS, nullptr},
+    {"__buffSetBytes", guardedMethod<setBytes>, METH_VARARGS, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -2,6 +2,7 @@
 // Every function goes to the main Tcl thread as a request, so the Tcl
 // interpreter is only ever used on its own thread.
 #include "event/State.h"
+#include "convert/PyErrors.h"
 #include "convert/TclConvert.h"
 
 #include "ForkedOutput.h"
@@ -105,11 +106,11 @@ namespace {
 using namespace pytarn::python_api;
 
 PyMethodDef tclmod_methods[] = {
-    {"stdout", _stdout, METH_VARARGS, nullptr},
-    {"stderr", _stderr, METH_VARARGS, nullptr},
-    {"set", set, METH_VARARGS, nullptr},
-    {"get", get, METH_VARARGS, nullptr},
-    {"eval", eval, METH_VARARGS, nullptr},
+    {"stdout", pytarn::guardedMethod<_stdout>, METH_VARARGS, nullptr},
+    {"stderr", pytarn::guardedMethod<_stderr>, METH_VARARGS, nullptr},
+    {"set", pytarn::guardedMethod<set>, METH_VARARGS, nullptr},
+    {"get", pytarn::guardedMethod<get>, METH_VARARGS, nullptr},
+    {"eval", pytarn::guardedMethod<eval>, METH_VARARGS, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -1,5 +1,6 @@
 #include "TestEnv.h"
 
+#include "core/Bridge.h" // the work functions, for the assignment request
 #include "event/State.h"
 
 #include <gtest/gtest.h>
@@ -290,4 +291,48 @@ TEST(OutputQueue, IsDueWhenAPieceFillsAndRefusesPastItsLimit) {
     EXPECT_NE(output.append(false, "y", 1), OutputQueue::Appended::full);
     while (output.take(&piece)) taken += piece.text.size();
     EXPECT_EQ(taken, written + 1);
+}
+
+// The assignment request keeps its contract: null with the error set when it
+// fails, whichever step failed, and None only when it succeeded.
+TEST(WorkFunctions, SetFailsWithNullAndItsErrorSet) {
+    pytarn::PythonState& state = pytarn::python_state;
+    state.main_dict = py("{'__builtins__': __builtins__}");
+    const struct {
+        const char* target;
+        const char* swap; // the object that carries the value across
+        const char* error;
+    } cases[] = {
+        {"answer", "type('Swap', (), {})()", ""},
+        {"1", "type('Swap', (), {})()", "SyntaxError"},
+        {"missing.attr", "type('Swap', (), {})()", "NameError"},
+        {"answer", "object()", "AttributeError"}, // the value cannot be handed over
+    };
+    for (const auto& c : cases) {
+        state.tcl = py(c.swap);
+        PyDict_SetItemString(state.main_dict.get(), "__tcl", state.tcl.get());
+        pytarn::SmartTclObj value(Tcl_NewStringObj("42", -1));
+        pytarn::SmartPyObj returned(pytarn::python::set(c.target, &value));
+        EXPECT_EQ(pendingError(), c.error) << c.target;
+        EXPECT_EQ(returned.get() == nullptr, *c.error != '\0') << c.target;
+        PyErr_Clear();
+    }
+    EXPECT_EQ(PyLong_AsLong(PyDict_GetItemString(state.main_dict.get(), "answer")), 42);
+    state.tcl.reset();
+    state.main_dict.reset();
+}
+
+// The handles check their lock rule wherever assertions are kept, and the
+// sanitizer builds keep them.
+TEST(SmartPyObj, TouchedWithoutTheLockIsCaught) {
+#if defined(NDEBUG) && (defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__))
+    FAIL() << "a sanitizer build without assertions";
+#elif defined(NDEBUG)
+    GTEST_SKIP() << "assertions are off in this build";
+#else
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    pytarn::SmartPyObj held = py("object()");
+    EXPECT_DEATH(std::thread([&held] { pytarn::SmartPyObj copy(held); }).join(),
+                 "PyGILState_Check");
+#endif
 }
