@@ -6,6 +6,8 @@
 // Tcl requests of the handlers (their output too) and waits within a bound.
 #include "Environment.h"
 
+#include "convert/PyErrors.h"
+
 #include <chrono>
 
 namespace pytarn::exit_work {
@@ -66,8 +68,11 @@ void flushOpenFiles() {
 }
 
 PyObject* work() {
-    runAtexitHandlers();
-    flushOpenFiles();
+    SmartPyObj done(pythonGuard([] {
+        runAtexitHandlers();
+        flushOpenFiles();
+        Py_RETURN_NONE;
+    }));
     PyErr_Clear();
     Py_RETURN_NONE;
 }

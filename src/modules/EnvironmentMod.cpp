@@ -4,6 +4,8 @@
 #include "core/Bridge.h"
 #include "core/Environment.h"
 
+#include "convert/PyErrors.h"
+
 #include "ForkedOutput.h"
 #include "TclMod.h"
 
@@ -113,17 +115,27 @@ PyObject* write(PyObject* text, bool to_stderr) {
     return PyLong_FromSsize_t(PyUnicode_GET_LENGTH(text));
 }
 
-PyObject* writeStdout(PyObject*, PyObject* text) { return write(text, false); }
+// The module's functions run under pythonGuard: an allocation that fails (a
+// huge text) becomes MemoryError.
+PyObject* writeStdout(PyObject*, PyObject* text) {
+    return pythonGuard([text] { return write(text, false); });
+}
 
-PyObject* writeStderr(PyObject*, PyObject* text) { return write(text, true); }
+PyObject* writeStderr(PyObject*, PyObject* text) {
+    return pythonGuard([text] { return write(text, true); });
+}
 
-PyObject* flush(PyObject*, PyObject* channel) {
+PyObject* flushChannel(PyObject* channel) {
     const char* name = channelName(channel);
     if (!name || runChannelWork(name, false) == -2) return nullptr;
     Py_RETURN_NONE;
 }
 
-PyObject* fileno(PyObject*, PyObject* channel) {
+PyObject* flush(PyObject*, PyObject* channel) {
+    return pythonGuard([channel] { return flushChannel(channel); });
+}
+
+PyObject* channelDescriptor(PyObject* channel) {
     const char* name = channelName(channel);
     if (!name) return nullptr;
     const int descriptor = runChannelWork(name, true);
@@ -137,6 +149,10 @@ PyObject* fileno(PyObject*, PyObject* channel) {
         return nullptr;
     }
     return PyLong_FromLong(descriptor);
+}
+
+PyObject* fileno(PyObject*, PyObject* channel) {
+    return pythonGuard([channel] { return channelDescriptor(channel); });
 }
 
 PyMethodDef methods[] = {
