@@ -21,6 +21,7 @@ install(CODE "
   set(PYTARN_PY_STDLIB \"${PYTARN_PY_STDLIB}\")
   set(PYTARN_PY_DYNLOAD \"${PYTARN_PY_DYNLOAD}\")
   set(PYTARN_PY_SITE \"${PYTARN_PY_SITE}\")
+  set(PYTARN_PY_EXECUTABLE \"${PYTARN_PY_EXECUTABLE}\")
   include(\"${CMAKE_SOURCE_DIR}/host/PythonLayout.cmake\")
   set(root \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${PYTARN_INSTALL_ROOT}\")
   message(STATUS \"Linking: \${root}/python\")

@@ -3,8 +3,10 @@
 # python/lib/site-packages, then the root itself) finds Python and OrvaShell.py there.
 # Roots are made of symlinks into the system's Python so that nothing is copied.
 
-# Makes ROOT/python from PYTARN_PY_STDLIB, PYTARN_PY_DYNLOAD and PYTARN_PY_SITE.
-# python/lib is a real directory of per-entry links, which leaves room for site-packages.
+# Makes ROOT/python from PYTARN_PY_STDLIB, PYTARN_PY_DYNLOAD, PYTARN_PY_SITE and
+# PYTARN_PY_EXECUTABLE. python/lib is a real directory of per-entry links, which leaves
+# room for site-packages. python/bin/ names the installation's program, which the
+# library reports as sys.executable so that Python code can start a Python of its own.
 function(pytarn_make_python_layout ROOT)
   set(lib "${ROOT}/python/lib")
   file(MAKE_DIRECTORY "${lib}" "${ROOT}/python/bin")
@@ -14,6 +16,10 @@ function(pytarn_make_python_layout ROOT)
   endforeach()
   file(CREATE_LINK "${PYTARN_PY_SITE}" "${lib}/site-packages" SYMBOLIC)
   file(CREATE_LINK "${PYTARN_PY_DYNLOAD}" "${ROOT}/python/bin/linux64" SYMBOLIC)
+  if(EXISTS "${PYTARN_PY_EXECUTABLE}")
+    get_filename_component(program "${PYTARN_PY_EXECUTABLE}" NAME)
+    file(CREATE_LINK "${PYTARN_PY_EXECUTABLE}" "${ROOT}/python/bin/${program}" SYMBOLIC)
+  endif()
 endfunction()
 
 # Makes a variant root DIR for tests (run pytarnsh with PYTARN_HOME=DIR): its own copy of

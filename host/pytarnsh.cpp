@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "HostCommands.h"
+#include "PythonEnvironment.h"
 #include "pytarn.h"
 
 namespace {
@@ -90,8 +91,9 @@ int appInit(Tcl_Interp* interp) {
 #endif
     const int status = loadInRoot(interp);
     Tcl_SetVar2Ex(interp, "::pytarn::status", nullptr, Tcl_NewIntObj(status), TCL_GLOBAL_ONLY);
-    // Scripts written for tclsh's `package require pytarn` run here unchanged.
     if (status == 0) {
+        pytarnsh::preparePython(interp);
+        // Scripts written for tclsh's `package require pytarn` run here unchanged.
         Tcl_PkgProvide(interp, "pytarn", PYTARN_VERSION);
         handleInterrupts();
     }

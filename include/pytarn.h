@@ -34,6 +34,16 @@ PYTARN_EXPORT int load(struct Tcl_Interp* interp);
  * when Python did not start or another interpreter already has the bridge. */
 PYTARN_EXPORT int Pytarn_Init(struct Tcl_Interp* interp);
 
+/* Makes the packages of the virtual environment that $VIRTUAL_ENV names (an
+ * activated environment) importable ahead of the system's, .pth files
+ * included, and makes that environment sys.prefix and its Python
+ * sys.executable, as python3 from the environment has them. Does nothing when
+ * VIRTUAL_ENV is unset or empty; an environment without packages for this
+ * Python version is reported on Python's stderr and left alone. Call after a
+ * successful `load` with the same interpreter; `Pytarn_Init` and pytarnsh do.
+ * Returns TCL_OK, or TCL_ERROR with the message in the interpreter's result. */
+PYTARN_EXPORT int Pytarn_UseVirtualEnv(struct Tcl_Interp* interp);
+
 /* Asks the helper module's makeFunction(first, second) to create a function.
  * Returns the Tcl completion code and leaves the result in the interpreter
  * given to `load`. `second` may be null (passed on as ""). */

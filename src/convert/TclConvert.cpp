@@ -3,7 +3,6 @@
 #include "PyErrors.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -46,28 +45,6 @@ public:
 
 bool recursionPending() {
     return PyErr_Occurred() && PyErr_ExceptionMatches(PyExc_RecursionError);
-}
-
-// Decimal digits as Python's int() reads them: blanks, a sign, a first digit
-// other than 0, then digits with single underscores between them, blanks.
-// PyLong_FromString refuses such text only when it has too many digits.
-bool isPythonDecimal(const char* text) {
-    auto blank = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
-    while (blank(*text)) ++text;
-    if (*text == '+' || *text == '-') ++text;
-    if (*text < '1' || *text > '9') return false;
-    bool afterDigit = true;
-    for (++text; *text && !blank(*text); ++text) {
-        if (*text == '_' && afterDigit) {
-            afterDigit = false;
-        } else if (*text >= '0' && *text <= '9') {
-            afterDigit = true;
-        } else {
-            return false;
-        }
-    }
-    while (blank(*text)) ++text;
-    return afterDigit && *text == '\0';
 }
 
 Tcl_Encoding utf8Encoding() {
@@ -296,8 +273,8 @@ SmartPyObj fromTcl(Tcl_Obj* value) {
     if (std::memchr(text, '\0', static_cast<size_t>(length))) return SmartPyObj();
     SmartPyObj number(PyLong_FromString(text, nullptr, 0));
     if (number) return number;
-    // Past Python's digit limit: its ValueError says how to raise the limit.
-    if (isPythonDecimal(text)) return number;
+    // Not an int, or decimal digits past Python's limit: either way the text
+    // goes on down the list.
     PyErr_Clear();
     if (isTclOctal(text)) {
         number = PyLong_FromString(text, nullptr, 8);

@@ -12,7 +12,7 @@ namespace pytarn {
 void setUpEnvironment();
 
 namespace streams {
-PyObject* initModule(); // the built-in module _pytarn_env
+PyObject* initModule(); // the built-in module _pytarn_streams
 // Makes sys.stdout and sys.stderr TclStream objects; false with an error set.
 bool install();
 } // namespace streams

@@ -2,7 +2,9 @@
 #include "Bridge.h"
 #include "Environment.h"
 
+#include "Installation.h"
 #include "convert/PyErrors.h"
+#include "modules/EnvironmentMod.h"
 
 #include <filesystem>
 #include <iostream>
@@ -67,7 +69,8 @@ const wchar_t* const search_path[] = {L"python/lib", L"python/", L"python/bin/li
 bool startInterpreter() {
     PyImport_AppendInittab("TclMod", PyInit_TclMod);
     PyImport_AppendInittab("Orvanta", PyInit_Orvanta);
-    PyImport_AppendInittab("_pytarn_env", streams::initModule);
+    PyImport_AppendInittab("_pytarn_streams", streams::initModule);
+    environment::registerModule();
 
     PyConfig config;
     PyConfig_InitPythonConfig(&config);
@@ -88,12 +91,14 @@ bool startInterpreter() {
     // Absolute already here, not only in sys.path: a subinterpreter starts from this
     // configuration, perhaps after the working directory has changed.
     std::error_code cwd_error;
-    std::wstring cwd = std::filesystem::current_path(cwd_error).wstring() + L"/";
+    const std::filesystem::path root = std::filesystem::current_path(cwd_error);
+    const std::wstring cwd = root.wstring() + L"/";
     for (const wchar_t* entry : search_path) {
         std::wstring path = cwd_error ? std::wstring(entry) : cwd + entry;
         if (!PyStatus_Exception(status))
             status = PyWideStringList_Append(&config.module_search_paths, path.c_str());
     }
+    if (!cwd_error && !PyStatus_Exception(status)) status = describeInstallation(&config, root);
     if (!PyStatus_Exception(status)) status = Py_InitializeFromConfig(&config);
     PyConfig_Clear(&config);
     if (PyStatus_Exception(status)) {
@@ -117,6 +122,7 @@ PyObject* mainEntry(const char* name) {
 
 int init() {
     if (!startInterpreter()) return 1;
+    settlePrefixes();
     SmartPyObj main = SmartPyObj::borrow(PyImport_AddModule("__main__"));
     python_state.main_dict = main ? PyObject_GetAttrString(main.get(), "__dict__") : nullptr;
     if (python::execNoResult(bootstrap_script)) {
@@ -135,6 +141,10 @@ int init() {
         if (!PyErr_Occurred())
             python_state.make_function = PyObject_GetAttrString(shell, "makeFunction");
     }
+    // Python's environment as python3 users know it, made after the
+    // bootstrap and without changing what it set up. The bridge works
+    // without it, so a failure is reported and start-up goes on.
+    if (!PyErr_Occurred() && !environment::install()) printPythonError();
     if (PyErr_Occurred()) {
         printPythonError();
         return 1;

@@ -42,6 +42,20 @@ int fail(Tcl_Interp* interp, const char* code, Tcl_Obj* message) {
     return TCL_ERROR;
 }
 
+// An activated virtual environment's packages come after start-up, which stays
+// the same for every host. A failure leaves the bridge usable and is reported
+// on stderr.
+void useVirtualEnv(Tcl_Interp* interp) {
+    if (Pytarn_UseVirtualEnv(interp) == TCL_OK) return;
+    if (Tcl_Channel err = Tcl_GetStdChannel(TCL_STDERR)) {
+        Tcl_Obj* message = Tcl_ObjPrintf("%s\n", Tcl_GetStringResult(interp));
+        Tcl_IncrRefCount(message);
+        Tcl_WriteObj(err, message);
+        Tcl_DecrRefCount(message);
+    }
+    Tcl_ResetResult(interp);
+}
+
 int loadPackage(Tcl_Interp* interp) {
     if (pythonRunning() && Tcl_GetCurrentThread() != main_tcl_thread) {
         // An interpreter of another thread: the bridge belongs to the main
@@ -88,6 +102,7 @@ int loadPackage(Tcl_Interp* interp) {
         code = fail(interp, "INTERP",
                     Tcl_NewStringObj("pytarn: already loaded into another interpreter", -1));
     } else {
+        useVirtualEnv(interp);
         code = Tcl_PkgProvideEx(interp, "pytarn", PYTARN_VERSION, nullptr);
     }
     Tcl_DecrRefCount(root);

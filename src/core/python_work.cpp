@@ -1,6 +1,7 @@
 // Work functions of the ::python:: requests; each runs on a Python thread
 // with the interpreter lock held.
 #include "Bridge.h"
+#include "Dedent.h"
 
 #include "convert/PyErrors.h"
 #include "convert/TclConvert.h"
@@ -41,6 +42,13 @@ PyObject* compiled(const char* code, int start) {
         if (PyObject* hit = PyDict_GetItemWithError(cache, source.get())) // borrowed
             return Py_NewRef(hit);
         PyErr_Clear();
+    }
+    // Python indented as the Tcl body around it. Text that starts in its first
+    // column is never indented as a whole, and is compiled as it stands.
+    std::optional<std::string> flushLeft;
+    if (*utf8 == ' ' || *utf8 == '\t' || *utf8 == '\n') {
+        flushLeft = dedented(utf8);
+        if (flushLeft) utf8 = flushLeft->c_str();
     }
     PyObject* result = Py_CompileStringExFlags(utf8, "<string>", start, nullptr, -1);
     if (result && cached) {

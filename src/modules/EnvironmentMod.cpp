@@ -1,205 +1,209 @@
-// The built-in module _pytarn_env: sys.stdout and sys.stderr as text streams
-// (io.TextIOBase) over the host's Tcl channels. Python threads, with the
-// interpreter lock held; the channel work runs on the main Tcl thread.
-#include "core/Bridge.h"
-#include "core/Environment.h"
+// The built-in module _pytarn_env. Its functions are Python code: they only
+// rearrange what the standard library provides (path hooks, site's builtins
+// and .pth processing), which reads best in Python itself.
+#include "EnvironmentMod.h"
 
-#include "convert/PyErrors.h"
-
-#include "ForkedOutput.h"
-#include "TclMod.h"
-
-#include <cstdint>
-#include <cstring>
-
-namespace pytarn::streams {
+namespace pytarn::environment {
 
 namespace {
 
-// The class behind sys.stdout and sys.stderr. `write` is the built-in itself,
-// kept on the instance: print then calls it with no Python frame between.
-const char* const stream_class =
-    "import io as _io, os as _os\n"
-    "class TclStream(_io.TextIOBase):\n"
-    "    '''Text written to one of the host's Tcl channels, stdout or stderr.'''\n"
-    "    encoding = 'utf-8'\n"
-    "    errors = 'strict'\n"
-    "    mode = 'w'\n"
-    "    def __init__(self, channel, write):\n"
-    "        self._channel = channel\n"
-    "        self.write = write\n"
-    "    @property\n"
-    "    def name(self):\n"
-    "        return '<%s>' % self._channel\n"
-    "    def writable(self):\n"
-    "        return True\n"
-    "    def flush(self):\n"
-    "        _flush(self._channel)\n"
-    "    def fileno(self):\n"
-    "        return _fileno(self._channel)\n"
-    "    def isatty(self):\n"
-    "        try:\n"
-    "            return _os.isatty(self.fileno())\n"
-    "        except (_io.UnsupportedOperation, OSError):\n"
-    "            return False\n"
-    "    def __repr__(self):\n"
-    "        return '<pytarn stream %s>' % self.name\n";
+const char* const module_source = R"py(
+import builtins, os, sys
+import _sitebuiltins
 
-// What the Tcl thread does for flush() and fileno() of one channel.
-struct ChannelWork {
-    const char* name = nullptr; // "stdout" or "stderr"
-    bool want_descriptor = false;
-    int descriptor = -1; // out
-};
 
-// Tcl thread. The channel is looked up by name, as puts finds it, and flushed
-// first: what Python printed before is out before anyone else writes to the
-// descriptor (a child process, faulthandler).
-void channelWork(void* data) {
-    auto* work = static_cast<ChannelWork*>(data);
-    Tcl_InterpState saved = Tcl_SaveInterpState(tcl_interp, TCL_OK);
-    Tcl_Channel channel = Tcl_GetChannel(tcl_interp, work->name, nullptr);
-    if (channel) {
-        Tcl_Flush(channel);
-        ClientData handle = nullptr;
-        if (work->want_descriptor &&
-            Tcl_GetChannelHandle(channel, TCL_WRITABLE, &handle) == TCL_OK)
-            work->descriptor = static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
-    }
-    Tcl_RestoreInterpState(tcl_interp, saved);
-}
+class _CurrentDirectory:
+    """The finder behind the search path's entry ".". Python binds a path entry to a
+    directory once, when it first meets it; this one looks in the directory that is
+    current at each import, as python3 does for its entry ""."""
 
-// Parses the channel argument: "stdout" or "stderr".
-const char* channelName(PyObject* arg) {
-    const char* name = PyUnicode_Check(arg) ? PyUnicode_AsUTF8(arg) : nullptr;
-    if (name && (std::strcmp(name, "stdout") == 0 || std::strcmp(name, "stderr") == 0))
-        return name;
-    PyErr_Clear();
-    PyErr_SetString(PyExc_ValueError, "channel must be 'stdout' or 'stderr'");
-    return nullptr;
-}
+    def find_spec(self, fullname, target=None):
+        finder = _directory_finder()
+        return finder.find_spec(fullname, target) if finder is not None else None
 
-// Returns the descriptor, or -1 when the channel has none (or Tcl is gone).
-int runChannelWork(const char* name, bool want_descriptor) {
-    if (python_thread.forked.load()) {
-        // A forked child writes straight to the host's descriptors.
-        python_api::forked::flush();
-        return std::strcmp(name, "stderr") == 0 ? 2 : 1;
-    }
-    ChannelWork work;
-    work.name = name;
-    work.want_descriptor = want_descriptor;
-    event::TclEvent request;
-    request.work = channelWork;
-    request.work_data = &work;
-    SmartPyObj result(python_api::cross(&request));
-    return result ? work.descriptor : -2;
-}
+    def iter_modules(self, prefix=''):
+        finder = _directory_finder()
+        if finder is None:
+            return iter(())
+        import pkgutil
+        return pkgutil.iter_importer_modules(finder, prefix)
 
-PyObject* write(PyObject* text, bool to_stderr) {
-    if (!PyUnicode_Check(text)) {
-        PyErr_Format(PyExc_TypeError, "write() argument must be str, not %.100s",
-                     Py_TYPE(text)->tp_name);
-        return nullptr;
-    }
-    Py_ssize_t length = 0;
-    const char* utf8 = PyUnicode_AsUTF8AndSize(text, &length);
-    if (!utf8) return nullptr;
-    // Tcl's channels take C strings here; a NUL would cut the text short.
-    if (std::strlen(utf8) != static_cast<std::size_t>(length)) {
-        PyErr_SetString(PyExc_ValueError, "embedded null character");
-        return nullptr;
-    }
-    if (!python_api::output(to_stderr, utf8, static_cast<std::size_t>(length)))
-        return nullptr;
-    return PyLong_FromSsize_t(PyUnicode_GET_LENGTH(text));
-}
+    def __repr__(self):
+        return '<finder of the current directory>'
 
-// The module's functions run under pythonGuard: an allocation that fails (a
-// huge text) becomes MemoryError.
-PyObject* writeStdout(PyObject*, PyObject* text) {
-    return pythonGuard([text] { return write(text, false); });
-}
 
-PyObject* writeStderr(PyObject*, PyObject* text) {
-    return pythonGuard([text] { return write(text, true); });
-}
+_current = _CurrentDirectory()
 
-PyObject* flushChannel(PyObject* channel) {
-    const char* name = channelName(channel);
-    if (!name || runChannelWork(name, false) == -2) return nullptr;
-    Py_RETURN_NONE;
-}
 
-PyObject* flush(PyObject*, PyObject* channel) {
-    return pythonGuard([channel] { return flushChannel(channel); });
-}
+def _directory_finder():
+    """The finder of the current directory, made by the other path hooks and kept
+    in sys.path_importer_cache as for any absolute entry; None when there is none."""
+    try:
+        directory = os.getcwd()
+    except OSError:
+        return None
+    cache = sys.path_importer_cache
+    if directory in cache:
+        return cache[directory]
+    finder = None
+    for hook in sys.path_hooks:
+        if hook is _current_directory_hook:
+            continue
+        try:
+            finder = hook(directory)
+            break
+        except ImportError:
+            pass
+    cache[directory] = finder
+    return finder
 
-PyObject* channelDescriptor(PyObject* channel) {
-    const char* name = channelName(channel);
-    if (!name) return nullptr;
-    const int descriptor = runChannelWork(name, true);
-    if (descriptor == -2) return nullptr;
-    if (descriptor < 0) {
-        SmartPyObj io(PyImport_ImportModule("io"));
-        SmartPyObj unsupported(io ? PyObject_GetAttrString(io.get(), "UnsupportedOperation")
-                                  : nullptr);
-        if (!unsupported) return nullptr;
-        PyErr_Format(unsupported.get(), "Tcl channel %s has no file descriptor", name);
-        return nullptr;
-    }
-    return PyLong_FromLong(descriptor);
-}
 
-PyObject* fileno(PyObject*, PyObject* channel) {
-    return pythonGuard([channel] { return channelDescriptor(channel); });
-}
+def _current_directory_hook(entry):
+    if entry != '.':
+        raise ImportError('only the entry "." is the current directory')
+    return _current
 
-PyMethodDef methods[] = {
-    {"stdout_write", writeStdout, METH_O, "Writes text to Tcl's stdout; returns its length."},
-    {"stderr_write", writeStderr, METH_O, "Writes text to Tcl's stderr; returns its length."},
-    {"_flush", flush, METH_O, "Waits until Tcl has written the channel's text, then flushes it."},
-    {"_fileno", fileno, METH_O, "The descriptor under the Tcl channel, flushed first."},
-    {nullptr, nullptr, 0, nullptr},
-};
 
-PyModuleDef definition = {
+class _Quitter(_sitebuiltins.Quitter):
+    """exit and quit as python3 has them, but stdin stays open: in a host the
+    process goes on when Python's code ends, and so may its use of stdin."""
+
+    def __call__(self, code=None):
+        raise SystemExit(code)
+
+
+def _standard_library():
+    """The search path's directory of the standard library: imports find it there,
+    through the installation root, while Python found its real directory from the
+    installation's program."""
+    for entry in sys.path:
+        if isinstance(entry, str) and os.path.isabs(entry) and os.path.isfile(
+                os.path.join(entry, 'os.py')):
+            return entry
+    return None
+
+
+def _use_standard_library(directory):
+    """Makes DIRECTORY sys._stdlib_dir and gives the frozen modules imported so far
+    their files there, as Python's start-up gives them files in its own directory:
+    frozen modules then name the files that imports from source find."""
+    from importlib.machinery import FrozenImporter
+    resolve = getattr(FrozenImporter, '_resolve_filename', None)
+    if directory is None or resolve is None:
+        return
+    sys._stdlib_dir = directory
+    for module in list(sys.modules.values()):
+        spec = getattr(module, '__spec__', None)
+        state = getattr(spec, 'loader_state', None)
+        if spec is None or spec.loader is not FrozenImporter or not getattr(
+                state, 'origname', None):
+            continue
+        locations = spec.submodule_search_locations
+        state.filename, package = resolve(state.origname, spec.name, locations is not None)
+        module.__file__ = state.filename
+        if package:
+            locations[:] = [package]
+            module.__path__ = locations
+
+
+def install():
+    """The step after the bootstrap: see EnvironmentMod.h."""
+    _use_standard_library(_standard_library())
+    sys.path_hooks.insert(0, _current_directory_hook)
+    # The start-up's own imports bound "." to the directory current then.
+    sys.path_importer_cache.pop('.', None)
+    import site  # without its main(): the start-up has no_site set
+    site.setcopyright()
+    site.sethelper()
+    builtins.exit = _Quitter('exit', 'Ctrl-D (i.e. EOF)')
+    builtins.quit = _Quitter('quit', 'Ctrl-D (i.e. EOF)')
+
+
+def _is_site_packages(entry):
+    return isinstance(entry, str) and os.path.basename(entry.rstrip('/')) in (
+        'site-packages', 'dist-packages')
+
+
+_environments_used = set()
+
+
+def use_virtual_env(prefix):
+    """Puts the packages of the virtual environment PREFIX ahead of the system's: its
+    site-packages and what its .pth files add go before the first site-packages on
+    sys.path, as site.addsitedir processes them. True when used."""
+    prefix = os.path.abspath(prefix)
+    if prefix in _environments_used:  # the package entry may run again
+        return True
+    version = 'python%d.%d' % sys.version_info[:2]
+    packages = os.path.join(prefix, sys.platlibdir, version, 'site-packages')
+    if not os.path.isdir(packages):
+        sys.stderr.write('pytarn: the virtual environment %s has no %s packages (%s); '
+                         'it is not used\n' % (prefix, version, packages))
+        return False
+    import site
+    before = set(sys.path)
+    site.addsitedir(packages)
+    added = [entry for entry in sys.path if entry not in before]
+    kept = [entry for entry in sys.path if entry in before]
+    at = next((i for i, entry in enumerate(kept) if _is_site_packages(entry)), len(kept))
+    sys.path[:] = kept[:at] + added + kept[at:]
+    _environments_used.add(prefix)
+    sys.prefix = sys.exec_prefix = prefix
+    for name in (version, 'python3', 'python'):
+        program = os.path.join(prefix, 'bin', name)
+        if os.access(program, os.X_OK):
+            sys.executable = program
+            break
+    return True
+)py";
+
+PyModuleDef module_def = {
     PyModuleDef_HEAD_INIT,
     "_pytarn_env",
-    "Python's environment in the pytarn bridge: streams over Tcl's channels.",
-    -1,
-    methods,
+    "Python's environment in the pytarn bridge: imports from the current directory, "
+    "the interactive builtins and virtual environments.",
+    0,
+    nullptr,
     nullptr,
     nullptr,
     nullptr,
     nullptr,
 };
 
-// A new reference to a TclStream over `channel`, or null with an error set.
-PyObject* makeStream(PyObject* streamClass, PyObject* module, const char* channel,
-                     const char* writer) {
-    SmartPyObj write(PyObject_GetAttrString(module, writer));
-    if (!write) return nullptr;
-    return PyObject_CallFunction(streamClass, "sO", channel, write.get());
+PyObject* createModule() {
+    SmartPyObj module(PyModule_Create(&module_def));
+    if (!module) return nullptr;
+    PyObject* dict = PyModule_GetDict(module.get()); // borrowed
+    if (PyDict_SetItemString(dict, "__builtins__", PyEval_GetBuiltins()) != 0) return nullptr;
+    // Named in tracebacks as a module's file would be.
+    SmartPyObj code(Py_CompileString(module_source, "<_pytarn_env>", Py_file_input));
+    SmartPyObj result(code ? PyEval_EvalCode(code.get(), dict, dict) : nullptr);
+    return result ? module.release() : nullptr;
+}
+
+// Calls the module's function NAME with ARGUMENT (none when null).
+PyObject* call(const char* name, PyObject* argument) {
+    SmartPyObj module(PyImport_ImportModule(module_def.m_name));
+    if (!module) return nullptr;
+    SmartPyObj function(PyObject_GetAttrString(module.get(), name));
+    if (!function) return nullptr;
+    return argument ? PyObject_CallOneArg(function.get(), argument)
+                    : PyObject_CallNoArgs(function.get());
 }
 
 } // namespace
 
-PyObject* initModule() { return PyModule_Create(&definition); }
+void registerModule() { PyImport_AppendInittab(module_def.m_name, createModule); }
 
 bool install() {
-    SmartPyObj module(PyImport_ImportModule("_pytarn_env"));
-    if (!module) return false;
-    PyObject* dict = PyModule_GetDict(module.get()); // borrowed
-    SmartPyObj ran(PyRun_String(stream_class, Py_file_input, dict, dict));
-    if (!ran) return false;
-    PyObject* streamClass = PyDict_GetItemString(dict, "TclStream"); // borrowed
-    if (!streamClass) return false;
-    SmartPyObj out(makeStream(streamClass, module.get(), "stdout", "stdout_write"));
-    SmartPyObj err(out ? makeStream(streamClass, module.get(), "stderr", "stderr_write")
-                       : nullptr);
-    return err && PySys_SetObject("stdout", out.get()) == 0 &&
-           PySys_SetObject("stderr", err.get()) == 0;
+    SmartPyObj result(call("install", nullptr));
+    return static_cast<bool>(result);
 }
 
-} // namespace pytarn::streams
+PyObject* useVirtualEnv(const char* dir) {
+    SmartPyObj path(PyUnicode_DecodeFSDefault(dir));
+    if (!path) return nullptr;
+    return call("use_virtual_env", path.get());
+}
+
+} // namespace pytarn::environment

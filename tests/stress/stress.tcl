@@ -1,47 +1,28 @@
-# Shared set-up of the load and concurrency suites (CTest label `stress`).
-# Every size in them is a full size times PYTARN_STRESS_SCALE, which is 0.1
-# unless the environment says otherwise: CTest runs them reduced, and
+# Shared set-up of the load and concurrency suites (CTest label `stress`). Every size is
+# a full size times PYTARN_STRESS_SCALE, 0.1 unless the environment says otherwise:
 #     PYTARN_STRESS_SCALE=1 build/pytarnsh tests/stress/NAME.test
-# runs one at full size by hand. Each suite prints what it did and how long
-# it took, so a run doubles as a rough measurement.
+# runs one at full size. Each suite prints what it did and how long it took.
 source [file join [file dirname [info script]] .. tcl harness.tcl]
-
-set scale 0.1
-if {[info exists env(PYTARN_STRESS_SCALE)] && $env(PYTARN_STRESS_SCALE) ne ""} {
-    set scale $env(PYTARN_STRESS_SCALE)
-}
+set scale [testEnv PYTARN_STRESS_SCALE 0.1]
 if {![string is double -strict $scale] || $scale <= 0} {
     puts stderr "PYTARN_STRESS_SCALE must be a positive number, not \"$scale\""
     exit 1
 }
-
 # The full size N scaled, never below LEAST.
-proc scaled {n {least 1}} {
-    expr {max($least, int(round($n * $::scale)))}
-}
-
-# Bounds each wait, in milliseconds, at many times what a sanitizer build
-# takes: only a hang reaches it, and it ends the wait well within CTest's
-# own timeout.
+proc scaled {n {least 1}} {expr {max($least, int(round($n * $::scale)))}}
+# Bounds each wait at many times what a sanitizer build takes: only a hang reaches it.
 set hangBound [expr {int(max(120000, 600000 * $scale))}]
-
-# Runs SCRIPT and returns its wall time in seconds.
-proc seconds {script} {
+# Runs SCRIPT and prints ID: TEXT with its wall time in seconds.
+proc timed {id text script} {
     set start [clock microseconds]
     uplevel 1 $script
-    format %.2f [expr {([clock microseconds] - $start) / 1e6}]
+    puts "    $id: $text in [format %.2f [expr {([clock microseconds] - $start) / 1e6}]] s"
 }
-
-proc figure {id text} {
-    puts "    $id: $text"
-}
-
-# startThreads(count, work) runs work(i) on `count` daemon threads; the last
-# one to end sets ::ended. Tcl waits for that rather than joining threads in a
-# request: any thread waiting for Tcl may be the one to carry out a request.
+# startThreads(count, work) runs work(i) on `count` daemon threads; the last to end sets
+# ::ended. Tcl waits for that rather than joining threads in a request: any thread waiting
+# for Tcl may be the one to carry out a request.
 set startThreadsCode {
 import threading
-
 def startThreads(count, work):
     left = [count]
     lock = threading.Lock()

@@ -1,102 +1,165 @@
-# Shared set-up of the pytarn Tcl suites; every .test file sources it first and
-# ends with `finish`. Run a suite as: pytarnsh tests/tcl/NAME.test
+# Shared set-up of the Tcl-level suites (tests/tcl, tests/stress); every suite sources
+# it first and ends with `finish`. Run one as: pytarnsh tests/tcl/NAME.test
 package require tcltest 2
 namespace import ::tcltest::*
 
-# Variant installation roots, made by the build beside the host.
-set rootsDir [expr {[info exists env(PYTARN_TEST_ROOTS)] ? $env(PYTARN_TEST_ROOTS)
-                    : [file join [file dirname [info nameofexecutable]] tests tcl roots]}]
-
-# Runs the calling suite again in a pytarnsh whose helper module comes from the
-# variant root NAME, unless this process already is one, and exits as it did.
-proc useRoot {name} {
-    set root [file join $::rootsDir $name]
-    if {[info exists ::env(PYTARN_HOME)] && $::env(PYTARN_HOME) eq $root} return
-    set ::env(PYTARN_HOME) $root
-    exit [catch {exec [info nameofexecutable] $::argv0 {*}$::argv >@ stdout 2>@ stderr}]
+proc testEnv {name {default ""}} {
+    expr {[info exists ::env($name)] && $::env($name) ne "" ? $::env($name) : $default}
 }
-
+set buildDir [file dirname [info nameofexecutable]]
+set sourceDir [file dirname [file dirname [file dirname [file normalize [info script]]]]]
+set rootsDir [testEnv PYTARN_TEST_ROOTS [file join $buildDir tests tcl roots]]
+set sanitized [testEnv PYTARN_TEST_SANITIZED 0]
+testConstraint wish [expr {[auto_execok wish8.6] ne "" &&
+                           ([info exists env(DISPLAY)] || [auto_execok xvfb-run] ne "")}]
 if {$::pytarn::status != 0} {
     puts stderr "[file tail $argv0]: the bridge did not load"
     exit 1
 }
 
-proc readFile {path} {
-    set chan [open $path]
-    set text [read $chan]
-    close $chan
-    return $text
+# Runs the calling suite again with the helper module of the variant root NAME,
+# unless this process already is one, and exits as it did.
+proc useRoot {name} {
+    set root [file join $::rootsDir $name]
+    if {[testEnv PYTARN_HOME] eq $root} return
+    set ::env(PYTARN_HOME) $root
+    exit [catch {exec [info nameofexecutable] $::argv0 {*}$::argv >@ stdout 2>@ stderr}]
 }
 
-# Runs SCRIPT in a new pytarnsh with the variant root ROOT ("" for the main one).
-# Returns a dict: code (exit status, or "hung" when it was killed after childBound
-# milliseconds), stdout, stderr, ms (wall time from the start of
-# SCRIPT to the end of the process: start-up, slow under sanitizers, is left out).
-set childBound 120000
-proc child {root script} {
-    close [file tempfile startFile]
-    set chan [file tempfile scriptFile]
-    puts $chan [list apply {{file} {
-        set chan [open $file w]
-        puts $chan [clock milliseconds]
-        close $chan
-    }} $startFile]
-    puts -nonewline $chan $script
+proc readFile {path} {
+    set chan [open $path]
+    try {read $chan} finally {close $chan}
+}
+
+# Writes TEXT to a new temporary file and returns its name.
+proc scriptFile {text} {
+    set chan [file tempfile name .tcl]
+    puts -nonewline $chan $text
     close $chan
+    return $name
+}
+
+# Runs the command ARGS from directory DIR with INPUT on stdin and the environment
+# changed by ENV (name value ...; an empty value unsets). Returns a dict: code (exit
+# status, or "hung" once killed after childBound ms), stdout, stderr, end (clock ms).
+set childBound 120000
+proc run {dir env input args} {
+    set saved {}
+    foreach {name value} $env {
+        lappend saved $name [array get ::env $name]
+        if {$value eq ""} {unset -nocomplain ::env($name)} else {set ::env($name) $value}
+    }
     close [file tempfile errFile]
-    set saved [array get ::env PYTARN_HOME]
-    set ::env(PYTARN_HOME) [expr {$root eq "" ? "" : [file join $::rootsDir $root]}]
-    # The child's stdout is read through a pipe, which ends when the child does,
-    # so that a hung child is killed after a bound (code "hung") instead of
-    # hanging the suite.
-    set pipe [open |[list [info nameofexecutable] $scriptFile 2>$errFile] r]
-    fconfigure $pipe -blocking 0
-    set ::childEnded($pipe) 0
-    set ::childOut($pipe) ""
-    fileevent $pipe readable [list apply {{pipe} {
-        if {[catch {append ::childOut($pipe) [read $pipe]}] || [eof $pipe]} {
-            set ::childEnded($pipe) 1
+    set here [pwd]
+    cd $dir
+    # Read through a pipe, which ends with the process, so that a hang is bounded.
+    try {
+        set pipe [open |[list {*}$args << $input 2> $errFile] r]
+    } finally {
+        cd $here
+        foreach {name previous} $saved {
+            unset -nocomplain ::env($name)
+            array set ::env $previous
         }
+    }
+    fconfigure $pipe -blocking 0
+    set ::runEnded($pipe) 0
+    set ::runOut($pipe) ""
+    fileevent $pipe readable [list apply {{pipe} {
+        if {[catch {append ::runOut($pipe) [read $pipe]}] || [eof $pipe]} {set ::runEnded($pipe) 1}
     }} $pipe]
-    set guard [after $::childBound [list set ::childEnded($pipe) hung]]
-    vwait ::childEnded($pipe)
+    set guard [after $::childBound [list set ::runEnded($pipe) hung]]
+    vwait ::runEnded($pipe)
     after cancel $guard
     set end [clock milliseconds]
     set code 0
-    if {$::childEnded($pipe) eq "hung"} {
+    if {$::runEnded($pipe) eq "hung"} {
         catch {exec kill -KILL {*}[pid $pipe]}
         set code hung
     }
     fconfigure $pipe -blocking 1
     if {[catch {close $pipe} msg opts] && $code ne "hung"} {
-        lassign [dict get $opts -errorcode] kind pid status
+        lassign [dict get $opts -errorcode] kind - status
         set code [expr {$kind eq "CHILDSTATUS" ? $status : $msg}]
     }
-    set stdout $::childOut($pipe)
-    unset ::childEnded($pipe) ::childOut($pipe)
-    set start [string trim [readFile $startFile]]
-    set result [dict create code $code ms [expr {$start eq "" ? -1 : $end - $start}] \
-                    stdout $stdout stderr [readFile $errFile]]
-    file delete $scriptFile $startFile $errFile
-    unset ::env(PYTARN_HOME)
-    array set ::env $saved
+    set result [dict create code $code stdout $::runOut($pipe) stderr [readFile $errFile] end $end]
+    unset ::runEnded($pipe) ::runOut($pipe)
+    file delete $errFile
     return $result
 }
 
-# Waits in the event loop until VAR is set and returns its value, or
-# "timed out" after a bound that only a hang can reach.
-proc waitFor {var {ms 10000}} {
+# Runs SCRIPT in a new pytarnsh with the variant root ROOT ("" for the main one); as
+# `run`, with ms: the wall time from the start of SCRIPT to the end of the process.
+proc child {root script} {
+    close [file tempfile startFile]
+    set file [scriptFile "[list apply {{f} {set c [open $f w]; puts $c [clock milliseconds]
+        close $c}} $startFile]\n$script"]
+    set r [run [pwd] [list PYTARN_HOME [expr {$root eq "" ? "" : [file join $::rootsDir $root]}]] \
+               "" [info nameofexecutable] $file]
+    set start [string trim [readFile $startFile]]
+    dict set r ms [expr {$start eq "" ? -1 : [dict get $r end] - $start}]
+    file delete $file $startFile
+    return $r
+}
+
+# {code stdout stderr} of a child, and whether it ended within the 2 s that an exit
+# may take whatever Python is doing.
+proc exitOf {script {root ""}} {
+    set r [child $root $script]
+    list {*}[dict values [dict filter $r key code stdout stderr]] [expr {[dict get $r ms] < 2000}]
+}
+
+# Runs SCRIPT in the stock shell SHELL (wish8.6 under xvfb-run without a display) from
+# DIR with TCLLIBPATH=LIBPATH; a sanitizer build's runtime is preloaded into it.
+proc stockShell {shell dir libPath script} {
+    set file [scriptFile $script]
+    set command [list env LD_PRELOAD=[testEnv PYTARN_TEST_PRELOAD] $shell $file]
+    if {$shell eq "wish8.6" && ![info exists ::env(DISPLAY)]} {
+        set command [list xvfb-run -a {*}$command]
+    }
+    set r [run $dir [list TCLLIBPATH $libPath PYTARN_HOME ""] "" {*}$command]
+    file delete $file
+    return $r
+}
+
+proc scratchDir {name} {
+    set dir [file join [testEnv TMPDIR /tmp] pytarn-$name-[pid]-[clock clicks]]
+    file mkdir $dir
+    file normalize $dir
+}
+
+# Waits in the event loop until VAR is set and returns it, or "timed out" after a
+# bound that only a hang reaches.
+proc waitFor {var {ms 60000}} {
     if {![info exists $var]} {
         set guard [after $ms [list set $var "timed out"]]
         vwait $var
         after cancel $guard
     }
-    return [set $var]
+    set $var
 }
 
-# Reports and ends the suite; the exit status says whether any test failed.
+# "ok" and the result of SCRIPT, or the last line of its error (the reference helper's
+# traceback ends with "Type: text").
+proc outcome {script} {
+    if {[catch {uplevel 1 $script} message]} {
+        return [lindex [split [string trimright $message \n] \n] end]
+    }
+    list ok $message
+}
+
+# One test per ID DESCRIPTION BODY RESULT in TABLE, each with the options OPTIONS.
+proc cases {table args} {
+    foreach {id description body result} $table {
+        uplevel 1 [list test $id $description -body $body -result $result {*}$args]
+    }
+}
+
+# Reports and ends the suite: 1 when a test failed, 77 (skipped, for CTest) when a
+# test could not run here for want of a program or display.
 proc finish {} {
     set failed $::tcltest::numTests(Failed)
+    set skipped $::tcltest::numTests(Skipped)
     cleanupTests
-    if {$failed > 0} {exit 1}
+    exit [expr {$failed ? 1 : $skipped ? 77 : 0}]
 }

@@ -13,17 +13,13 @@ PyObject* globals() {
     return dict;
 }
 
-class Environment : public testing::Environment {
-public:
+struct Environment : testing::Environment {
     void SetUp() override {
         Tcl_FindExecutable(nullptr);
-        Tcl_Interp* interp = Tcl_CreateInterp();
-        ASSERT_TRUE(initTclStubs(interp));
+        ASSERT_TRUE(initTclStubs(Tcl_CreateInterp()));
         Py_Initialize();
-        ASSERT_TRUE(PyGILState_Check());
     }
 };
-
 const testing::Environment* const environment =
     testing::AddGlobalTestEnvironment(new Environment);
 
@@ -34,9 +30,8 @@ pytarn::SmartPyObj py(const char* expression) {
 }
 
 bool pyRun(const char* statements) {
-    pytarn::SmartPyObj result(
-        PyRun_String(statements, Py_file_input, globals(), globals()));
-    return static_cast<bool>(result);
+    return static_cast<bool>(
+        pytarn::SmartPyObj(PyRun_String(statements, Py_file_input, globals(), globals())));
 }
 
 std::string pendingError() {

@@ -1,6 +1,6 @@
-// Process set-up shared by the unit test binaries: Tcl with its stubs table
-// filled for the library's objects, and an embedded Python whose interpreter
-// lock the test's main thread holds throughout.
+// Process set-up shared by the unit tests and the fuzz target: Tcl with its stubs table
+// filled for the library's objects, and an embedded Python whose interpreter lock the
+// main thread holds throughout.
 #pragma once
 
 #include "convert/SmartObj.h"
@@ -11,13 +11,10 @@ namespace pytarn_test {
 
 // Fills the stubs table from `interp`; defined in the one stubs-enabled source.
 bool initTclStubs(Tcl_Interp* interp);
-
-// Evaluates a Python expression in a namespace shared by all tests.
+// Evaluates an expression, or runs statements (false when they raised), in one namespace.
 pytarn::SmartPyObj py(const char* expression);
-// Runs Python statements in the same namespace; false when they raised.
 bool pyRun(const char* statements);
-
-// The text of the pending Python exception's type, or "" when none is set.
+// The name of the pending Python exception's type, or "" when none is set.
 std::string pendingError();
 
 } // namespace pytarn_test

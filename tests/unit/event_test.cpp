@@ -1,3 +1,5 @@
+// The transport's pieces that no Tcl script can drive one step at a time: the request
+// queues, the notifier, the output queue, and a call made once shutdown has begun.
 #include "TestEnv.h"
 
 #include "core/Bridge.h" // the work functions, for the assignment request
@@ -5,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace pytarn::event;
@@ -25,46 +29,24 @@ struct TestQueue : _LockedQueueT<T> {
 
 } // namespace
 
-TEST(LockedQueue, PopsInArrivalOrder) {
-    TestQueue<int> queue;
-    int a = 0, b = 0, c = 0;
-    EXPECT_TRUE(queue.empty());
-    EXPECT_EQ(queue.pop(), nullptr);
-    for (int* item : {&a, &b, &c}) queue.append(item);
-    EXPECT_FALSE(queue.empty());
-    EXPECT_EQ(queue.pop(), &a);
-    EXPECT_EQ(queue.pop(), &b);
-    EXPECT_EQ(queue.pop(), &c);
-    EXPECT_EQ(queue.pop(), nullptr);
-    EXPECT_TRUE(queue.empty());
-}
-
-TEST(LockedQueue, RemoveTakesOutOnlyAQueuedEntry) {
-    TestQueue<int> queue;
-    int a = 0, b = 0, c = 0;
-    EXPECT_FALSE(queue.remove(&a));
-    for (int* item : {&a, &b, &c}) queue.append(item);
-    EXPECT_TRUE(queue.remove(&b));
-    EXPECT_FALSE(queue.remove(&b));
-    EXPECT_EQ(queue.pop(), &a);
-    EXPECT_EQ(queue.pop(), &c);
-    EXPECT_FALSE(queue.remove(&a));
-}
-
 TEST(LockedQueue, KeepsOrderWhateverItsLengthAndWhicheverEntryIsRemoved) {
     TestQueue<int> queue;
     std::vector<int> items(12);
+    EXPECT_EQ(queue.pop(), nullptr);
+    EXPECT_FALSE(queue.remove(&items[0]));
     // Removing from the front, the middle and the back, at every length.
     for (std::size_t length = 1; length <= items.size(); ++length) {
         for (std::size_t gone = 0; gone < length; ++gone) {
             for (std::size_t i = 0; i < length; ++i) queue.append(&items[i]);
+            EXPECT_FALSE(queue.empty());
             EXPECT_TRUE(queue.remove(&items[gone]));
+            EXPECT_FALSE(queue.remove(&items[gone]));
             for (std::size_t i = 0; i < length; ++i) {
-                if (i != gone) {
-                    EXPECT_EQ(queue.pop(), &items[i]) << length << " " << gone;
-                }
+                if (i == gone) continue;
+                EXPECT_EQ(queue.pop(), &items[i]) << length << " " << gone;
             }
             EXPECT_TRUE(queue.empty());
+            EXPECT_EQ(queue.pop(), nullptr);
         }
     }
     // Appending while partly drained keeps the order too.
@@ -72,125 +54,77 @@ TEST(LockedQueue, KeepsOrderWhateverItsLengthAndWhicheverEntryIsRemoved) {
     EXPECT_EQ(queue.pop(), &items[0]);
     for (int i = 5; i < 8; ++i) queue.append(&items[i]);
     for (int i = 1; i < 8; ++i) EXPECT_EQ(queue.pop(), &items[i]);
-    EXPECT_EQ(queue.pop(), nullptr);
 }
 
 TEST(LockedQueue, ConcurrentProducersLoseNothingAndKeepTheirOrder) {
     constexpr int producers = 4, each = 2000;
     TestQueue<const int> queue;
-    std::vector<int> items(producers * each);
+    std::vector<int> items(producers * each), last(producers, -1);
     for (size_t i = 0; i < items.size(); ++i) items[i] = static_cast<int>(i);
     std::vector<std::thread> threads;
     for (int p = 0; p < producers; ++p)
         threads.emplace_back([&, p] {
             for (int i = 0; i < each; ++i) queue.append(&items[p * each + i]);
         });
-    std::vector<int> last(producers, -1);
     size_t popped = 0;
-    const auto deadline = Clock::now() + long_bound;
-    while (popped < items.size() && Clock::now() < deadline) {
-        const int* item = queue.pop();
-        if (!item) continue;
-        ++popped;
-        EXPECT_GT(*item, last[*item / each]);
-        last[*item / each] = *item;
-    }
+    for (const auto end = Clock::now() + long_bound; popped < items.size() && Clock::now() < end;)
+        if (const int* item = queue.pop()) {
+            ++popped;
+            EXPECT_GT(*item, std::exchange(last[*item / each], *item));
+        }
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(popped, items.size());
-    EXPECT_TRUE(queue.empty());
 }
 
-TEST(PythonEventQueue, PushWakesWaiters) {
-    PythonEventQueue queue;
+TEST(Notifier, WakesEveryWaiterWhetherWatchingOrAsleep) {
+    Notifier notifier;
+    const auto seen = notifier.generation();
+    PythonEventQueue queue; // a push notifies the process's notifier
     PyEvent ev(nullptr);
-    const auto seen = pytarn::notifier->generation();
+    const auto processSeen = pytarn::notifier->generation();
     queue.push(&ev);
-    EXPECT_NE(pytarn::notifier->generation(), seen);
+    EXPECT_NE(pytarn::notifier->generation(), processSeen);
     EXPECT_EQ(queue.pop(), &ev);
-}
-
-TEST(Notifier, NotificationBeforeTheWaitEndsItAtOnce) {
-    Notifier notifier;
-    const auto seen = notifier.generation();
-    notifier.notifyAll();
+    // Unchanged, a wait lasts its bound.
     const auto start = Clock::now();
-    notifier.waitChange(seen, long_bound);
-    EXPECT_LT(Clock::now() - start, long_bound / 2);
-}
-
-TEST(Notifier, NotificationAfterTheWaitStartsEndsItForEveryWaiter) {
-    Notifier notifier;
-    const auto seen = notifier.generation();
-    std::atomic<int> waiting{0}, woken{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 4; ++i)
-        waiters.emplace_back([&] {
-            ++waiting;
-            notifier.waitChange(seen, long_bound);
-            ++woken;
-        });
-    while (waiting.load() < 4) std::this_thread::yield();
-    EXPECT_EQ(woken.load(), 0);
-    const auto start = Clock::now();
-    notifier.notifyAll();
-    for (auto& waiter : waiters) waiter.join();
-    EXPECT_LT(Clock::now() - start, long_bound / 2);
-}
-
-TEST(Notifier, WaitersAlreadyAsleepAreWoken) {
-    Notifier notifier;
-    const auto seen = notifier.generation();
+    notifier.waitChange(seen, std::chrono::milliseconds{50});
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds{50});
     std::vector<std::thread> waiters;
     for (int i = 0; i < 4; ++i)
         waiters.emplace_back([&] { notifier.waitChange(seen, long_bound); });
     while (notifier.sleepers() < 4) std::this_thread::yield();
-    const auto start = Clock::now();
     notifier.notifyAll();
     for (auto& waiter : waiters) waiter.join();
+    notifier.waitChange(seen, long_bound); // notified before it began: returns at once
     EXPECT_LT(Clock::now() - start, long_bound / 2);
 }
 
-// Two threads hand a turn back and forth, each waiting for the other's
-// notification: a single lost wake-up would cost a whole bound. Quick turns
-// are caught while the waiter watches; turns that take longer than that
-// (each player works a while first) find it asleep.
-void handOffs(int rounds, std::chrono::microseconds work) {
-    Notifier notifier;
-    std::atomic<int> turn{0};
-    auto play = [&](int me) {
-        for (int i = me; i < rounds; i += 2) {
-            for (;;) {
-                const auto seen = notifier.generation();
-                if (turn.load() == i) break;
-                notifier.waitChange(seen, long_bound);
-            }
-            for (const auto until = Clock::now() + work; Clock::now() < until;) {
-            }
-            turn.store(i + 1);
-            notifier.notifyAll();
-        }
-    };
-    const auto start = Clock::now();
-    std::thread other(play, 1);
-    play(0);
-    other.join();
-    EXPECT_EQ(turn.load(), rounds);
-    EXPECT_LT(Clock::now() - start, long_bound / 2);
-}
-
+// Two threads hand a turn back and forth, each waiting for the other's notification:
+// a single lost wake-up costs a whole bound. Quick turns are caught while the waiter
+// watches; turns that take longer (each player works a while first) find it asleep.
 TEST(Notifier, HandOffsLoseNoWakeUp) {
-    handOffs(20000, std::chrono::microseconds{0});
-    handOffs(2000, Notifier::spin_bound * 2);
-}
-
-TEST(Notifier, UnchangedGenerationWaitsOutItsBound) {
-    Notifier notifier;
-    const auto seen = notifier.generation();
-    constexpr std::chrono::milliseconds bound{50};
-    const auto start = Clock::now();
-    notifier.waitChange(seen, bound);
-    EXPECT_GE(Clock::now() - start, bound);
-    EXPECT_EQ(notifier.generation(), seen);
+    for (auto [rounds, work] : {std::pair{20000, std::chrono::microseconds{0}},
+                                std::pair{2000, Notifier::spin_bound * 2}}) {
+        Notifier notifier;
+        std::atomic<int> turn{0};
+        auto play = [&, rounds = rounds, work = work](int me) {
+            for (int i = me; i < rounds; i += 2) {
+                for (auto seen = notifier.generation(); turn.load() != i;
+                     seen = notifier.generation())
+                    notifier.waitChange(seen, long_bound);
+                for (const auto until = Clock::now() + work; Clock::now() < until;) {
+                }
+                turn.store(i + 1);
+                notifier.notifyAll();
+            }
+        };
+        const auto start = Clock::now();
+        std::thread other(play, 1);
+        play(0);
+        other.join();
+        EXPECT_EQ(turn.load(), rounds);
+        EXPECT_LT(Clock::now() - start, long_bound / 2);
+    }
 }
 
 TEST(PyEventService, FailuresBecomeTclErrorsAndLeaveNoPythonError) {
@@ -200,7 +134,7 @@ TEST(PyEventService, FailuresBecomeTclErrorsAndLeaveNoPythonError) {
         {"(lambda l: l.append(l) or l)([])", "RecursionError: value nested too deeply to convert"},
     };
     for (auto [expression, message] : cases) {
-        PyEvent ev([expression = expression] { return py(expression).release(); });
+        PyEvent ev([expression = expression] { return pytarn_test::py(expression).release(); });
         const auto seen = pytarn::notifier->generation();
         PythonEventQueue::serviceEvent(&ev);
         EXPECT_TRUE(ev.done.load());
@@ -208,12 +142,12 @@ TEST(PyEventService, FailuresBecomeTclErrorsAndLeaveNoPythonError) {
         EXPECT_EQ(ev.status, TCL_ERROR) << expression;
         ASSERT_TRUE(ev.result) << expression;
         EXPECT_STREQ(Tcl_GetString(ev.result.get()), message);
-        EXPECT_EQ(pendingError(), "") << expression;
+        EXPECT_EQ(pytarn_test::pendingError(), "") << expression;
     }
 }
 
-// Once shutdown has begun neither side takes requests any more: a call must
-// end at once instead of queueing a request that nobody carries out.
+// Once shutdown has begun neither side takes requests: a call must end at once
+// instead of queueing a request that nobody carries out.
 TEST(EventMgrSpin, EndsAtOnceOnceShutdownHasBegun) {
     Tcl_Interp* interp = Tcl_CreateInterp();
     pytarn::tcl_interp = interp;
@@ -240,55 +174,44 @@ TEST(EventMgrSpin, EndsAtOnceOnceShutdownHasBegun) {
     Tcl_DeleteInterp(interp);
 }
 
-TEST(OutputQueue, KeepsOrderAndJoinsWritesToOneChannel) {
+TEST(OutputQueue, JoinsWritesToOneChannelAndRefusesPastItsLimit) {
     OutputQueue output;
+    using A = OutputQueue::Appended;
     EXPECT_FALSE(output.pending());
-    EXPECT_EQ(output.append(false, "a", 1), OutputQueue::Appended::first);
-    EXPECT_EQ(output.append(false, "bc", 2), OutputQueue::Appended::queued);
-    EXPECT_EQ(output.append(true, "err", 3), OutputQueue::Appended::queued);
-    EXPECT_EQ(output.append(false, "", 0), OutputQueue::Appended::queued);
+    for (auto [to_stderr, text, expected] : {std::tuple{false, "a", A::first},
+             std::tuple{false, "bc", A::queued}, std::tuple{true, "err", A::queued},
+             std::tuple{false, "", A::queued}})
+        EXPECT_EQ(output.append(to_stderr, text, std::strlen(text)), expected) << text;
     EXPECT_TRUE(output.pending());
-
     OutputQueue::Piece piece;
-    ASSERT_TRUE(output.take(&piece));
-    EXPECT_FALSE(piece.to_stderr);
-    EXPECT_EQ(piece.text, "abc");
-    ASSERT_TRUE(output.take(&piece));
-    EXPECT_TRUE(piece.to_stderr);
-    EXPECT_EQ(piece.text, "err");
-    ASSERT_TRUE(output.take(&piece));
-    EXPECT_EQ(piece.text, "");
+    for (auto [to_stderr, text] : {std::pair{false, "abc"}, std::pair{true, "err"},
+                                   std::pair{false, ""}}) {
+        ASSERT_TRUE(output.take(&piece));
+        EXPECT_EQ(piece.to_stderr, to_stderr);
+        EXPECT_EQ(piece.text, text);
+    }
     EXPECT_FALSE(output.pending());
     EXPECT_FALSE(output.take(&piece));
-    // Emptied: the next write must wake the Tcl thread again.
-    EXPECT_EQ(output.append(false, "x", 1), OutputQueue::Appended::first);
-}
-
-TEST(OutputQueue, IsDueWhenAPieceFillsAndRefusesPastItsLimit) {
-    OutputQueue output;
+    // Emptied: the next write must wake the Tcl thread again, once a piece fills.
     const std::string line(1000, 'x');
-    EXPECT_EQ(output.append(false, line.data(), line.size()), OutputQueue::Appended::first);
+    EXPECT_EQ(output.append(false, line.data(), line.size()), A::first);
     EXPECT_GT(output.dueIn().count(), 0);
     EXPECT_LE(output.dueIn(), OutputQueue::delay);
     std::size_t written = line.size();
     int filled = 0;
-    for (;;) {
-        OutputQueue::Appended appended = output.append(false, line.data(), line.size());
-        if (appended == OutputQueue::Appended::full) break;
-        if (appended == OutputQueue::Appended::filled) ++filled;
+    for (A appended; (appended = output.append(false, line.data(), line.size())) != A::full;) {
+        filled += appended == A::filled;
         written += line.size();
     }
-    EXPECT_EQ(filled, 1); // the Tcl thread is woken once, not at every write
+    EXPECT_EQ(filled, 1);
     EXPECT_EQ(output.dueIn().count(), 0);
     EXPECT_GE(written, OutputQueue::limit);
     EXPECT_LT(written, OutputQueue::limit + line.size());
-
     // Nothing refused was kept, nothing kept is lost, and taking makes room.
-    OutputQueue::Piece piece;
     std::size_t taken = 0;
     ASSERT_TRUE(output.take(&piece));
     taken += piece.text.size();
-    EXPECT_NE(output.append(false, "y", 1), OutputQueue::Appended::full);
+    EXPECT_NE(output.append(false, "y", 1), A::full);
     while (output.take(&piece)) taken += piece.text.size();
     EXPECT_EQ(taken, written + 1);
 }
