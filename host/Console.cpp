@@ -238,11 +238,31 @@ void restoreStdinInterest() {
     }
 }
 
+// True when the command that just failed was interrupted (Ctrl-C).
+bool interrupted(Tcl_Interp* interp) {
+    Tcl_Obj* options = Tcl_GetReturnOptions(interp, TCL_ERROR);
+    Tcl_IncrRefCount(options);
+    Tcl_Obj* key = Tcl_NewStringObj("-errorcode", -1);
+    Tcl_IncrRefCount(key);
+    Tcl_Obj* code = nullptr;
+    const bool result = Tcl_DictObjGet(nullptr, options, key, &code) == TCL_OK && code &&
+                        std::string(Tcl_GetString(code)) == "PYTHON KeyboardInterrupt";
+    Tcl_DecrRefCount(key);
+    Tcl_DecrRefCount(options);
+    return result;
+}
+
 // Runs one complete block; TCL_OK with *leave set when it raised SystemExit.
+// Ctrl-C that comes just outside the block's own code still only ends the block.
 int runBlock(Tcl_Interp* interp, const std::string& source, bool* leave) {
     const std::string call = "__import__('OrvaShell').runConsole(" + pythonString(source) + ")";
-    if (invoke(interp, {Tcl_NewStringObj("::python::eval", -1), text(call)}) != TCL_OK)
-        return TCL_ERROR;
+    if (invoke(interp, {Tcl_NewStringObj("::python::eval", -1), text(call)}) != TCL_OK) {
+        if (!interrupted(interp)) return TCL_ERROR;
+        writeTo(TCL_STDERR, "KeyboardInterrupt\n");
+        Tcl_ResetResult(interp);
+        *leave = false;
+        return TCL_OK;
+    }
     *leave = std::string(Tcl_GetStringResult(interp)) == "1";
     Tcl_ResetResult(interp);
     return TCL_OK;

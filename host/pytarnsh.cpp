@@ -2,6 +2,7 @@
 // The outcome of `load` (0 loaded, 1 failed) is left in ::pytarn::status.
 #include <tcl.h>
 
+#include <csignal>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -56,6 +57,22 @@ int loadInRoot(Tcl_Interp* interp) {
     return status;
 }
 
+// Ctrl-C interrupts the Python request that runs; with none running it ends the
+// shell as it ends tclsh.
+void onInterrupt(int) {
+    if (Pytarn_Interrupt()) return;
+    std::signal(SIGINT, SIG_DFL);
+    std::raise(SIGINT);
+}
+
+void handleInterrupts() {
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+}
+
 // At the interactive prompt Tcl waits in its event loop instead of a blocking read, so
 // output and requests from Python threads are carried out while the user types.
 void eventLoop() {
@@ -79,6 +96,7 @@ int appInit(Tcl_Interp* interp) {
         pytarnsh::preparePython(interp);
         // Scripts written for tclsh's `package require pytarn` run here unchanged.
         Tcl_PkgProvide(interp, "pytarn", PYTARN_VERSION);
+        handleInterrupts();
     }
     int interactive = 0;
     Tcl_Obj* flag = Tcl_GetVar2Ex(interp, "tcl_interactive", nullptr, TCL_GLOBAL_ONLY);

@@ -1,8 +1,9 @@
 /* Exported C entry points of the pytarn bridge library.
  *
  * Every entry is called by the host on its main Tcl thread (the thread that
- * calls `load` or `Pytarn_Init`), except the two module initialisers, which the embedded
- * Python's import machinery calls on the Python thread. */
+ * calls `load` or `Pytarn_Init`), except Pytarn_Interrupt (any thread) and the
+ * two module initialisers, which the embedded Python's import machinery calls
+ * on the Python thread. */
 #ifndef PYTARN_H
 #define PYTARN_H
 
@@ -47,6 +48,20 @@ PYTARN_EXPORT int Pytarn_UseVirtualEnv(struct Tcl_Interp* interp);
  * Returns the Tcl completion code and leaves the result in the interpreter
  * given to `load`. `second` may be null (passed on as ""). */
 PYTARN_EXPORT int createFunction(const char* first, const char* second);
+
+/* Interrupts the Python request that is running now, if any: the innermost
+ * call into Python that the main Tcl thread waits for gets KeyboardInterrupt,
+ * on whichever Python thread runs it; a time.sleep or a blocking read of
+ * Python's main thread ends at once. Uncaught, it fails the Tcl command with
+ * the error code {PYTHON KeyboardInterrupt}. Returns 1 when a request was
+ * running (it is interrupted shortly after the call returns), 0 when none
+ * was and nothing happens: the caller's own handling then applies (pytarnsh
+ * ends as tclsh does on Ctrl-C). For hosts with their own Ctrl-C or Cancel
+ * handling: it may be called from any thread, and is async-signal-safe, so a
+ * SIGINT handler may call it. The library installs no SIGINT handler. The
+ * first interrupt installs a do-nothing handler for SIGRTMAX-3, unless the
+ * process already handles that signal, to wake blocked system calls. */
+PYTARN_EXPORT int Pytarn_Interrupt(void);
 
 /* Built-in module initialisers registered with the embedded interpreter. */
 PYTARN_EXPORT struct _object* PyInit_TclMod(void);

@@ -1,5 +1,6 @@
 // Start-up of the embedded interpreter on the Python thread.
 #include "Bridge.h"
+#include "Environment.h"
 
 #include "Installation.h"
 #include "convert/PyErrors.h"
@@ -70,6 +71,7 @@ bool startInterpreter() {
     PyImport_AppendInittab("TclMod", PyInit_TclMod);
     PyImport_AppendInittab("Orvanta", PyInit_Orvanta);
     PyImport_AppendInittab("_pytarn", PyInit__pytarn);
+    PyImport_AppendInittab("_pytarn_streams", streams::initModule);
     environment::registerModule();
 
     PyConfig config;
@@ -129,6 +131,7 @@ int init() {
         printPythonError();
         return 1;
     }
+    setUpEnvironment();
     python_state.tcl = mainEntry("tcl");
     python_state.tcl_error = mainEntry("TclError");
     python_state.shell = mainEntry("OrvaShell");

@@ -3,6 +3,7 @@
 // loaded from; `load` runs with that directory as the working directory, as
 // pytarnsh runs it, and the caller's directory is restored straight after.
 #include "Bridge.h"
+#include "Environment.h"
 
 #include "convert/Guard.h"
 
@@ -56,6 +57,12 @@ void useVirtualEnv(Tcl_Interp* interp) {
 }
 
 int loadPackage(Tcl_Interp* interp) {
+    if (pythonRunning() && Tcl_GetCurrentThread() != main_tcl_thread) {
+        // An interpreter of another thread: the bridge belongs to the main
+        // one, and this one gets the commands that any thread may use.
+        interrupts::registerCommand(interp);
+        return Tcl_PkgProvideEx(interp, "pytarn", PYTARN_VERSION, nullptr);
+    }
     const std::string native = libraryDirectory();
     if (native.empty())
         return fail(interp, "ROOT",

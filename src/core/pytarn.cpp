@@ -1,6 +1,7 @@
 // The entry point, the Python thread's life and the process-wide globals.
 #include "Bridge.h"
 #include "PytarnCommands.h"
+#include "Environment.h"
 
 #include "convert/Guard.h"
 #include "convert/PyErrors.h"
@@ -58,8 +59,10 @@ void remove(ClientData) {
         [] {
             // What Python printed and Tcl has not written yet goes out while
             // the channels are still open.
-            if (main_tcl_thread == Tcl_GetCurrentThread() && python_alive->load())
+            if (main_tcl_thread == Tcl_GetCurrentThread() && python_alive->load()) {
                 event::TclEventQueue::drainOutput();
+                exit_work::run();
+            }
             python_thread.stop();
         },
         [](bool) {});
@@ -199,6 +202,7 @@ int startBridge(Tcl_Interp* interp) {
     if (python_thread.status == 0) {
         registerCommands();
         registerCallCommands(interp);
+        interrupts::start(interp);
     }
     return python_thread.status;
 }

@@ -27,6 +27,7 @@
 
 #include "convert/SmartObj.h"
 #include "OutputQueue.h"
+#include "RunningCalls.h"
 
 #include <atomic>
 #include <chrono>
@@ -64,6 +65,7 @@ struct alignas(cache_line) PyEvent {
     int exit_code = 0;
     bool exit_requested = false;
     std::atomic<bool> done{false};
+    std::uint64_t call = 0; // its number among the Tcl thread's calls (RunningCalls)
     // The failing exception's type name, which becomes the Tcl error code
     // "PYTHON <name>"; empty when the request did not fail in Python.
     std::string error_type;
@@ -296,6 +298,8 @@ public:
     void serviceAllEvents();
     // Returns once `ev` is done, carrying out Tcl requests meanwhile.
     void waitFor(PyEvent* ev);
+    // The same, but gives up at `deadline`; whether `ev` is done.
+    bool waitFor(PyEvent* ev, std::chrono::steady_clock::time_point deadline);
 };
 
 class EventMgr {
@@ -312,6 +316,7 @@ public:
     PythonEventQueue python_queue;
     TclEventQueue tcl_queue;
     OutputQueue output; // written by Python threads, drained by the Tcl thread
+    RunningCalls calls; // which thread runs each of the Tcl thread's calls
 };
 
 namespace tcl_c_api {

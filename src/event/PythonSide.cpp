@@ -68,6 +68,9 @@ PyObject* EventMgr::spin(TclEvent* ev) {
     tcl_queue.push(ev);
     python_queue.waitFor(ev);
     if (!ev->done.load()) Py_RETURN_NONE;
+    // An interrupt that came while Tcl worked is raised here, before the
+    // conversion, whose failed attempts would otherwise swallow it.
+    if (PyErr_CheckSignals() != 0) return nullptr;
     return postProcess(ev);
 }
 

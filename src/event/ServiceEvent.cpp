@@ -121,9 +121,19 @@ void reportFailure(PyEvent* ev) {
 } // namespace
 
 void PythonEventQueue::serviceEvent(PyEvent* ev) {
-    // An exception in the work becomes a Python MemoryError (or RuntimeError)
-    // and is reported like any other failure.
-    SmartPyObj returned(pythonGuard([ev] { return ev->func(); }));
+    RunningCalls& calls = event_mgr->calls;
+    SmartPyObj returned;
+    if (calls.begin(ev->call)) {
+        PyErr_SetNone(PyExc_KeyboardInterrupt); // interrupted before it started
+    } else {
+        // An exception in the work becomes a Python MemoryError (or
+        // RuntimeError) and is reported like any other failure.
+        returned = pythonGuard([ev] { return ev->func(); });
+        // An interrupt that came too late for the code to notice it still
+        // ends this request, not the next one on this thread.
+        if (!PyErr_Occurred()) PyErr_CheckSignals();
+    }
+    calls.end(ev->call);
     ev->status = TCL_OK;
     withoutExceptions(
         [&] {

@@ -217,18 +217,27 @@ void TclEventQueue::serviceAllEvents() {
 }
 
 void TclEventQueue::waitFor(PyEvent* ev) {
+    waitFor(ev, std::chrono::steady_clock::time_point::max());
+}
+
+bool TclEventQueue::waitFor(PyEvent* ev, std::chrono::steady_clock::time_point deadline) {
     for (;;) {
         std::uint64_t seen = notifier->generation();
         if (ev->done.load()) {
             // What the request printed comes before whatever the caller does next.
             drainOutput();
-            return;
+            return true;
         }
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) return false;
         if (TclEvent* request = pop()) {
             serviceEvent(request);
             continue;
         }
         std::chrono::microseconds bound = wait_bound;
+        if (deadline != std::chrono::steady_clock::time_point::max())
+            bound = std::min(bound, std::chrono::duration_cast<std::chrono::microseconds>(
+                                        deadline - now) + std::chrono::microseconds{1});
         if (event_mgr->output.pending()) {
             bound = std::min(bound, event_mgr->output.dueIn());
             if (bound.count() == 0) {
@@ -249,11 +258,13 @@ int EventMgr::spin(PyEvent* ev) {
         Tcl_SetErrorCode(interp, "PYTARN", "NOTRUNNING", nullptr);
         return TCL_ERROR;
     }
+    ev->call = calls.enter();
     // Python may have the interpreter deleted meanwhile; it stays usable
     // until the release, where interpDeleted runs.
     Tcl_Preserve(interp);
     python_queue.push(ev);
     tcl_queue.waitFor(ev);
+    calls.leave();
     const int code = postProcess(ev);
     Tcl_Release(interp);
     return code;

@@ -6,23 +6,46 @@
 #include "convert/TclConvert.h"
 
 #include "ForkedOutput.h"
+#include "TclMod.h"
 
 #include <cstring>
 #include <iostream>
 
 namespace pytarn::python_api {
 
-namespace {
-
 using event::TclEvent;
 
-// Every call into Tcl goes through here. In a forked child it does nothing
-// and returns None, as during shutdown; what the child printed before still
-// comes out first, so that flush() (which calls Tcl) works there too.
 PyObject* cross(TclEvent* request) {
     if (python_thread.forked.load()) forked::flush();
     return event_mgr->spin(request);
 }
+
+bool output(bool to_stderr, const char* text, std::size_t length) {
+    if (python_thread.forked.load()) {
+        forked::write(to_stderr, text, length);
+        return true;
+    }
+    if (!python_alive->load()) return true; // shutting down: Tcl takes no more
+    switch (event_mgr->output.append(to_stderr, text, length)) {
+    case event::OutputQueue::Appended::first:
+    case event::OutputQueue::Appended::filled:
+        event::TclEventQueue::wake();
+        return true;
+    case event::OutputQueue::Appended::queued:
+        return true;
+    case event::OutputQueue::Appended::full:
+        break;
+    }
+    // Tcl is not keeping up: this writer waits, and its text still comes
+    // after everything queued before it.
+    TclEvent request;
+    request.output = text;
+    request.to_stderr = to_stderr;
+    SmartPyObj result(cross(&request));
+    return static_cast<bool>(result);
+}
+
+namespace {
 
 PyObject* write(PyObject* args, bool to_stderr) {
     // print calls this twice a line: the common case skips the general
@@ -37,28 +60,7 @@ PyObject* write(PyObject* args, bool to_stderr) {
         if (!PyArg_ParseTuple(args, "s", &text)) return nullptr;
         length = static_cast<Py_ssize_t>(std::strlen(text));
     }
-    if (python_thread.forked.load()) {
-        forked::write(to_stderr, text, static_cast<std::size_t>(length));
-        Py_RETURN_NONE;
-    }
-    if (!python_alive->load()) Py_RETURN_NONE; // shutting down: Tcl takes no more
-    switch (event_mgr->output.append(to_stderr, text, static_cast<std::size_t>(length))) {
-    case event::OutputQueue::Appended::first:
-    case event::OutputQueue::Appended::filled:
-        event::TclEventQueue::wake();
-        Py_RETURN_NONE;
-    case event::OutputQueue::Appended::queued:
-        Py_RETURN_NONE;
-    case event::OutputQueue::Appended::full:
-        break;
-    }
-    // Tcl is not keeping up: this writer waits, and its text still comes
-    // after everything queued before it.
-    TclEvent request;
-    request.output = text;
-    request.to_stderr = to_stderr;
-    SmartPyObj result(cross(&request));
-    if (!result) return nullptr;
+    if (!output(to_stderr, text, static_cast<std::size_t>(length))) return nullptr;
     Py_RETURN_NONE;
 }
 

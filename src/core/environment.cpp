@@ -1,0 +1,13 @@
+// Python's environment beyond the bootstrap script (see Environment.h).
+#include "Environment.h"
+
+#include "convert/PyErrors.h"
+
+namespace pytarn {
+
+void setUpEnvironment() {
+    if (!streams::install()) printPythonError();
+    if (!interrupts::prepare()) printPythonError();
+}
+
+} // namespace pytarn

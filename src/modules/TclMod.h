@@ -1,0 +1,21 @@
+// TclMod's ways into Tcl, shared with the bridge's other built-in modules.
+// Python thread, interpreter lock held.
+#pragma once
+
+#include "event/Event.h"
+
+#include <cstddef>
+
+namespace pytarn::python_api {
+
+// Every call into Tcl goes through here. In a forked child it does nothing
+// and returns None, as during shutdown; what the child printed before still
+// comes out first, so that flush() (which calls Tcl) works there too.
+PyObject* cross(event::TclEvent* request);
+
+// Writes `length` bytes of UTF-8 text to Tcl's stdout or stderr channel, in
+// order with everything else this thread asks of Tcl; mostly without waiting
+// (see event/OutputQueue.h). False with a Python error set when it failed.
+bool output(bool to_stderr, const char* text, std::size_t length);
+
+} // namespace pytarn::python_api
