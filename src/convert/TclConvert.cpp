@@ -268,6 +268,10 @@ SmartPyObj fromTcl(Tcl_Obj* value) {
     if (pureInteger(value, &integer)) return SmartPyObj(PyLong_FromLongLong(integer));
     int length = 0;
     const char* text = Tcl_GetStringFromObj(value, &length);
+    return fromTclPlainText(text, length);
+}
+
+SmartPyObj fromTclPlainText(const char* text, int length) {
     // Python reads the text up to a NUL; Tcl keeps NUL as 0xC0 0x80, so a
     // genuine NUL byte can only come from a malformed object.
     if (std::memchr(text, '\0', static_cast<size_t>(length))) return SmartPyObj();

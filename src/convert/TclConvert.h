@@ -67,6 +67,9 @@ SmartPyObj fromTclText(const char* text, int length);
 // and Python's ValueError when decimal digits exceed its limit for int()
 // (sys.set_int_max_str_digits), rather than the text arriving as a str.
 SmartPyObj fromTcl(Tcl_Obj* value);
+// fromTcl for a value that is neither a list nor a dict, given by its text
+// (NUL-terminated at `length`): what fromTcl gives for a string of that text.
+SmartPyObj fromTclPlainText(const char* text, int length);
 SmartPyObj fromTclList(Tcl_Obj* value);
 SmartPyObj fromTclDict(Tcl_Obj* value);
 

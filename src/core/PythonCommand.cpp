@@ -102,10 +102,27 @@ PyObject* lookUpPath(const std::vector<SmartPyObj>& names) {
     return value.release();
 }
 
-PyObject* lookUpDotted(const char* path, int length) {
+namespace {
+
+// The names of the path looked up last, as a tuple of interned strs: a loop
+// that calls the same callable by name splits and decodes its path once. Only
+// the names are kept, never what they name, so every call looks them up
+// afresh. Python threads with the lock held; kept for good, since its
+// objects may only be released with the lock.
+struct LastPath {
+    std::string path;
+    SmartPyObj names;
+};
+LastPath& lastPath() {
+    static auto* const last = new LastPath;
+    return *last;
+}
+
+// A new tuple of the interned names of PATH, or null with an error set.
+PyObject* splitPath(const char* path, int length) {
     const char* const end = path + length;
-    SmartPyObj value;
-    for (const char* start = path;;) {
+    SmartPyObj names(PyList_New(0));
+    for (const char* start = path; names;) {
         const char* dot = static_cast<const char*>(std::memchr(start, '.', end - start));
         if (!dot) dot = end;
         SmartPyObj name = tcl_convert::fromTclText(start, static_cast<int>(dot - start));
@@ -114,10 +131,35 @@ PyObject* lookUpDotted(const char* path, int length) {
                 PyErr_Format(PyExc_ValueError, "not a dotted name: \"%s\"", path);
             return nullptr;
         }
-        value = start == path ? lookUpName(name.get()) : PyObject_GetAttr(value.get(), name.get());
-        if (!value || dot == end) return value.release();
+        PyObject* raw = name.release();
+        PyUnicode_InternInPlace(&raw);
+        name = SmartPyObj(raw);
+        if (PyList_Append(names.get(), name.get()) != 0) return nullptr;
+        if (dot == end) return PyList_AsTuple(names.get());
         start = dot + 1;
     }
+    return nullptr;
+}
+
+} // namespace
+
+PyObject* lookUpDotted(const char* path, int length) {
+    LastPath& last = lastPath();
+    SmartPyObj names;
+    if (last.names && last.path.size() == static_cast<std::size_t>(length) &&
+        std::memcmp(last.path.data(), path, static_cast<std::size_t>(length)) == 0) {
+        names = last.names;
+    } else {
+        names = SmartPyObj(splitPath(path, length));
+        if (!names) return nullptr;
+        last.path.assign(path, static_cast<std::size_t>(length));
+        last.names = names;
+    }
+    // Held by `names`: a lookup may run Python code that replaces last.names.
+    SmartPyObj value(lookUpName(PyTuple_GET_ITEM(names.get(), 0)));
+    for (Py_ssize_t i = 1; value && i < PyTuple_GET_SIZE(names.get()); ++i)
+        value = PyObject_GetAttr(value.get(), PyTuple_GET_ITEM(names.get(), i));
+    return value.release();
 }
 
 PythonCommand* PythonCommand::forCallable(PyObject* callable) {
@@ -254,14 +296,28 @@ CallWords::CallWords(int count, Tcl_Obj* const words[]) : count_(count < 0 ? 0 :
     if (count_ > inline_count) more_.resize(static_cast<std::size_t>(count_));
     words_ = count_ > inline_count ? more_.data() : inline_;
     for (int i = 0; i < count_; ++i) {
-        words_[i] = tcl_convert::detachedCopy(words[i]);
-        if (words_[i]) Tcl_IncrRefCount(words_[i]);
+        Tcl_Obj* word = words[i];
+        Word& out = words_[i];
+        if (word->typePtr == tcl_convert::listType() || word->typePtr == tcl_convert::dictType()) {
+            out.copy = tcl_convert::detachedCopy(word);
+            if (out.copy) Tcl_IncrRefCount(out.copy);
+            else out.too_deep = true;
+        } else if (tcl_convert::pureInteger(word, &out.integer)) {
+            out.is_integer = true;
+        } else {
+            int length = 0;
+            const char* text = Tcl_GetStringFromObj(word, &length);
+            out.offset = text_.size();
+            out.length = length;
+            text_.append(text, static_cast<std::size_t>(length));
+            text_.push_back('\0');
+        }
     }
 }
 
 CallWords::~CallWords() {
     for (int i = 0; i < count_; ++i)
-        if (words_[i]) Tcl_DecrRefCount(words_[i]);
+        if (words_[i].copy) Tcl_DecrRefCount(words_[i].copy);
 }
 
 PyObject* CallWords::callWith(PyObject* callable) const {
@@ -275,12 +331,16 @@ PyObject* CallWords::callWith(PyObject* callable) const {
     }
     int converted = 0;
     for (; converted < count_; ++converted) {
-        Tcl_Obj* word = words_[converted];
-        if (!word) {
+        const Word& word = words_[converted];
+        if (word.too_deep) {
             PyErr_SetString(PyExc_RecursionError, "value nested too deeply to convert");
             break;
         }
-        SmartPyObj value = tcl_convert::fromTcl(word);
+        SmartPyObj value =
+            word.copy         ? tcl_convert::fromTcl(word.copy)
+            : word.is_integer ? SmartPyObj(PyLong_FromLongLong(word.integer))
+                              : tcl_convert::fromTclPlainText(text_.data() + word.offset,
+                                                              word.length);
         if (!value) {
             if (!PyErr_Occurred())
                 PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");

@@ -68,11 +68,24 @@ public:
     PyObject* callWith(PyObject* callable) const;
 
 private:
+    // A word as the Python side reads it. Plain words travel as text packed
+    // into one buffer and integers without text as numbers, so that the
+    // Python thread reads a few cache lines in all rather than a fresh Tcl
+    // object per word; lists and dicts travel as detached copies.
+    struct Word {
+        Tcl_Obj* copy = nullptr; // a list or dict, one reference held
+        std::size_t offset = 0;  // into text_, NUL-terminated
+        int length = -1;         // -1: not text
+        Tcl_WideInt integer = 0;
+        bool is_integer = false;
+        bool too_deep = false;
+    };
     static constexpr int inline_count = 6;
     int count_;
-    Tcl_Obj* inline_[inline_count] = {};
-    std::vector<Tcl_Obj*> more_;
-    Tcl_Obj** words_;
+    Word inline_[inline_count];
+    std::vector<Word> more_;
+    Word* words_;
+    std::string text_;
 };
 
 } // namespace pytarn
