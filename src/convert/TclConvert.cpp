@@ -43,6 +43,13 @@ public:
     }
 };
 
+// Clears a pending ValueError; false, leaving it set, for any other error.
+bool clearValueError() {
+    if (!PyErr_ExceptionMatches(PyExc_ValueError)) return false;
+    PyErr_Clear();
+    return true;
+}
+
 bool recursionPending() {
     return PyErr_Occurred() && PyErr_ExceptionMatches(PyExc_RecursionError);
 }
@@ -278,19 +285,20 @@ SmartPyObj fromTclPlainText(const char* text, int length) {
     SmartPyObj number(PyLong_FromString(text, nullptr, 0));
     if (number) return number;
     // Not an int, or decimal digits past Python's limit: either way the text
-    // goes on down the list.
-    PyErr_Clear();
+    // goes on down the list. Only that ValueError is dropped: a pending
+    // KeyboardInterrupt or MemoryError that surfaced meanwhile stays raised.
+    if (!clearValueError()) return SmartPyObj();
     if (isTclOctal(text)) {
         number = PyLong_FromString(text, nullptr, 8);
         if (number) return number;
-        PyErr_Clear();
+        if (!clearValueError()) return SmartPyObj();
     }
     SmartPyObj str = fromTclText(text, length);
     if (!str) return str;
     if (isTclFloat(text)) {
         number = PyFloat_FromString(str.get());
         if (number) return number;
-        PyErr_Clear();
+        if (!clearValueError()) return SmartPyObj();
     }
     return str;
 }

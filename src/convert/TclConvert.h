@@ -62,10 +62,10 @@ private:
 SmartPyObj fromTclText(const char* text, int length);
 
 // Tcl to Python: decided by the internal form (list, dict), then by the text
-// (int, Tcl octal, plain fraction, str). An empty handle means the value
-// could not be converted; a RecursionError is left set when it was too deep,
-// and Python's ValueError when decimal digits exceed its limit for int()
-// (sys.set_int_max_str_digits), rather than the text arriving as a str.
+// (int, Tcl octal, plain fraction, str; decimal digits past Python's limit for
+// int() give the str). An empty handle means the value could not be
+// converted; a RecursionError is left set when it was too deep, and an error
+// that surfaced meanwhile (KeyboardInterrupt, MemoryError) stays set.
 SmartPyObj fromTcl(Tcl_Obj* value);
 // fromTcl for a value that is neither a list nor a dict, given by its text
 // (NUL-terminated at `length`): what fromTcl gives for a string of that text.
