@@ -93,13 +93,13 @@ def _use_standard_library(directory):
         return
     sys._stdlib_dir = directory
     for module in list(sys.modules.values()):
-        spec = getattr(module, '__spec__', None)
-        state = getattr(spec, 'loader_state', None)
-        if spec is None or spec.loader is not FrozenImporter or not getattr(
+        found = getattr(module, '__spec__', None)
+        state = getattr(found, 'loader_state', None)
+        if found is None or found.loader is not FrozenImporter or not getattr(
                 state, 'origname', None):
             continue
-        locations = spec.submodule_search_locations
-        state.filename, package = resolve(state.origname, spec.name, locations is not None)
+        locations = found.submodule_search_locations
+        state.filename, package = resolve(state.origname, found.name, locations is not None)
         module.__file__ = state.filename
         if package:
             locations[:] = [package]
