@@ -4,18 +4,13 @@
 #pragma once
 
 #include "Bridge.h"
+#include "modules/StreamsMod.h"
 
 namespace pytarn {
 
 // Runs on the Python thread straight after the bootstrap script, lock held.
 // What fails is printed; the bootstrap's set-up then stays as it was.
 void setUpEnvironment();
-
-namespace streams {
-PyObject* initModule(); // the built-in module _pytarn_streams
-// Makes sys.stdout and sys.stderr TclStream objects; false with an error set.
-bool install();
-} // namespace streams
 
 namespace interrupts {
 // Python thread, lock held: lets Python raise KeyboardInterrupt for an

@@ -3,7 +3,7 @@
 // no source text pasted together.
 #include "PytarnCommands.h"
 
-#include "PythonCommand.h"
+#include "modules/PythonCommand.h"
 
 #include "convert/Guard.h"
 

@@ -2,7 +2,7 @@
 // callables, made and removed from Python.
 #include "PytarnMod.h"
 
-#include "core/PythonCommand.h"
+#include "PythonCommand.h"
 #include "convert/TclConvert.h"
 
 namespace pytarn::python_api {

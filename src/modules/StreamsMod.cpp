@@ -1,8 +1,7 @@
 // The built-in module _pytarn_streams: sys.stdout and sys.stderr as text streams
 // (io.TextIOBase) over the host's Tcl channels. Python threads, with the
 // interpreter lock held; the channel work runs on the main Tcl thread.
-#include "core/Bridge.h"
-#include "core/Environment.h"
+#include "StreamsMod.h"
 
 #include "convert/PyErrors.h"
 

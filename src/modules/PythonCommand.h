@@ -3,7 +3,7 @@
 // as its arguments (::pytarn::call).
 #pragma once
 
-#include "Bridge.h"
+#include "event/State.h"
 
 #include <string>
 #include <vector>
