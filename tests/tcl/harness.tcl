@@ -2,6 +2,8 @@
 # it first and ends with `finish`. Run one as: pytarnsh tests/tcl/NAME.test
 package require tcltest 2
 namespace import ::tcltest::*
+# Each case says when it starts, so that a suite cut off by its time limit names the case.
+configure -verbose {body error start}
 
 proc testEnv {name {default ""}} {
     expr {[info exists ::env($name)] && $::env($name) ne "" ? $::env($name) : $default}
