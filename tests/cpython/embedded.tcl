@@ -1,10 +1,3 @@
-# Runs CPython test modules inside the bridge: pytarnsh embedded.tcl MODULES OUT, with
-# MODULES comma-separated as worker.py takes them. worker.py is found beside this
-# script, whose directory pytarnsh puts first on sys.path.
-lassign $argv modules out
-::python::set modules $modules
-::python::set out $out
-::python::exec {
-import worker
-worker.run(modules.split(","), out)
-}
+# worker.py inside the bridge: pytarnsh embedded.tcl MODULES OUT. pytarnsh puts this
+# script's directory, and so worker.py's, first on sys.path.
+::python::exec {__import__('worker').main()}
