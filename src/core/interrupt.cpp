@@ -36,6 +36,13 @@ std::atomic<bool> interrupt_main{false};
 // How long the main thread's handler may take to run (a thread blocked in the
 // kernel runs it at once).
 constexpr std::chrono::milliseconds handler_bound{100};
+// A wake-up that lands just before the thread enters a blocking call (it let
+// go of the lock on its way into time.sleep) finds no call to end: Python's
+// flag is raised, but the thread then sleeps on without looking at it. So the
+// thread is woken again, at these intervals, while the call runs on. A
+// needless wake-up only restarts a call, which Python resumes by itself.
+constexpr int rewake_interval_ms = 20;
+constexpr int rewake_rounds = 100;
 
 void onWake(int) {
     if (interrupt_main.exchange(false)) PyErr_SetInterruptEx(SIGINT);
@@ -58,8 +65,9 @@ bool wakeHandlerReady() {
     return state == 1;
 }
 
-void deliver() {
-    using Target = event::RunningCalls::Target;
+using Target = event::RunningCalls::Target;
+
+Target deliver() {
     PyGILState_STATE gil = PyGILState_Ensure();
     const Target target = event_mgr->calls.takeMark();
     const bool onMain = target.ident == python_thread.python_ident.load();
@@ -79,18 +87,48 @@ void deliver() {
                                            !wakeHandlerReady()))
         PyErr_SetInterruptEx(SIGINT); // seen when the main thread takes the lock
     PyGILState_Release(gil);
+    return target;
+}
+
+// Wakes the thread of a call that still runs; false once it has ended. With
+// the lock held the call cannot end meanwhile, so the thread is alive.
+bool rewake(const Target& target) {
+    PyGILState_STATE gil = PyGILState_Ensure();
+    const bool running = event_mgr->calls.stillRunning(target);
+    if (running) pthread_kill(target.thread, wakeSignal());
+    PyGILState_Release(gil);
+    return running;
+}
+
+// True when a new request was posted within `ms` (and taken).
+bool requestWithin(int ms) {
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_nsec += static_cast<long>(ms) * 1000000L;
+    deadline.tv_sec += deadline.tv_nsec / 1000000000L;
+    deadline.tv_nsec %= 1000000000L;
+    while (sem_clockwait(&pending, CLOCK_MONOTONIC, &deadline) != 0)
+        if (errno != EINTR) return false;
+    return true;
 }
 
 // Never joined: once the bridge has stopped, the interpreter lock is never
 // given back, and the thread then waits for it until the process ends.
 void deliveryLoop() {
+    bool posted = false; // a request already taken while waking a thread
     for (;;) {
-        if (sem_wait(&pending) != 0) {
+        if (!posted && sem_wait(&pending) != 0) {
             if (errno == EINTR) continue;
             return;
         }
+        posted = false;
         if (python_thread.finished.load()) continue;
-        deliver();
+        const Target target = deliver();
+        if (target.kind != Target::running || !wakeHandlerReady()) continue;
+        for (int round = 0; round < rewake_rounds; ++round) {
+            if ((posted = requestWithin(rewake_interval_ms))) break;
+            if (python_thread.finished.load() || !rewake(target)) break;
+        }
     }
 }
 

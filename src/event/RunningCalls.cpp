@@ -57,6 +57,7 @@ RunningCalls::Target RunningCalls::takeMark() {
         target.kind = Target::running;
         target.ident = runner.ident.load();
         target.thread = runner.thread.load();
+        target.number = number;
     } else if (open_[level].load() == number && depth_.load() >= level) {
         // Queued, or ended and not yet closed by the Tcl thread: a mark that
         // begin() will never see then does no harm.
@@ -64,6 +65,11 @@ RunningCalls::Target RunningCalls::takeMark() {
         target.kind = Target::queued;
     }
     return target;
+}
+
+bool RunningCalls::stillRunning(const Target& target) const {
+    return target.kind == Target::running &&
+           runners_[levelOf(target.number)].number.load() == target.number;
 }
 
 } // namespace pytarn::event

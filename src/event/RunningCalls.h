@@ -42,10 +42,14 @@ public:
         enum Kind { none, queued, running } kind = none;
         unsigned long ident = 0; // Python's identity of the running thread
         pthread_t thread{};
+        std::uint64_t number = 0; // the call's
     };
     // Takes the mark; a call that is queued but not yet started is marked so
     // that begin() reports it.
     Target takeMark();
+    // Lock held: whether the running call of `target` still runs (its thread
+    // is then alive and inside it).
+    bool stillRunning(const Target& target) const;
 
     static constexpr int levels = 128;
 
