@@ -28,17 +28,11 @@ proc useRoot {name} {
     exit [catch {exec [info nameofexecutable] $::argv0 {*}$::argv >@ stdout 2>@ stderr}]
 }
 
-proc readFile {path} {
-    set chan [open $path]
-    try {read $chan} finally {close $chan}
-}
-
+proc readFile {path} {set chan [open $path]; try {read $chan} finally {close $chan}}
 # Writes TEXT to a new temporary file and returns its name.
 proc scriptFile {text} {
     set chan [file tempfile name .tcl]
-    puts -nonewline $chan $text
-    close $chan
-    return $name
+    try {puts -nonewline $chan $text; return $name} finally {close $chan}
 }
 
 # Runs the command ARGS from directory DIR with INPUT on stdin and the environment
@@ -65,14 +59,11 @@ proc run {dir env input args} {
         }
     }
     fconfigure $pipe -blocking 0
-    set ::runEnded($pipe) 0
     set ::runOut($pipe) ""
     fileevent $pipe readable [list apply {{pipe} {
         if {[catch {append ::runOut($pipe) [read $pipe]}] || [eof $pipe]} {set ::runEnded($pipe) 1}
     }} $pipe]
-    set guard [after $::childBound [list set ::runEnded($pipe) hung]]
-    vwait ::runEnded($pipe)
-    after cancel $guard
+    waitFor ::runEnded($pipe) $::childBound hung
     set end [clock milliseconds]
     set code 0
     if {$::runEnded($pipe) eq "hung"} {
@@ -84,10 +75,9 @@ proc run {dir env input args} {
         lassign [dict get $opts -errorcode] kind - status
         set code [expr {$kind eq "CHILDSTATUS" ? $status : $msg}]
     }
-    set result [dict create code $code stdout $::runOut($pipe) stderr [readFile $errFile] end $end]
-    unset ::runEnded($pipe) ::runOut($pipe)
-    file delete $errFile
-    return $result
+    try {
+        dict create code $code stdout $::runOut($pipe) stderr [readFile $errFile] end $end
+    } finally {unset ::runEnded($pipe) ::runOut($pipe); file delete $errFile}
 }
 
 # Runs SCRIPT in a new pytarnsh with the variant root ROOT ("" for the main one); as
@@ -130,11 +120,11 @@ proc scratchDir {name} {
     file normalize $dir
 }
 
-# Waits in the event loop until VAR is set and returns it, or "timed out" after a
-# bound that only a hang reaches.
-proc waitFor {var {ms 60000}} {
+# Waits in the event loop until VAR is set and returns it, or TIMEOUT after a bound
+# that only a hang reaches.
+proc waitFor {var {ms 60000} {timeout "timed out"}} {
     if {![info exists $var]} {
-        set guard [after $ms [list set $var "timed out"]]
+        set guard [after $ms [list set $var $timeout]]
         vwait $var
         after cancel $guard
     }
