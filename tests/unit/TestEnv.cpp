@@ -6,13 +6,6 @@ namespace pytarn_test {
 
 namespace {
 
-PyObject* globals() {
-    static PyObject* const dict = PyDict_New(); // kept for the whole run
-    if (!PyDict_GetItemString(dict, "__builtins__"))
-        PyDict_SetItemString(dict, "__builtins__", PyEval_GetBuiltins());
-    return dict;
-}
-
 struct Environment : testing::Environment {
     void SetUp() override {
         Tcl_FindExecutable(nullptr);
@@ -26,12 +19,8 @@ const testing::Environment* const environment =
 } // namespace
 
 pytarn::SmartPyObj py(const char* expression) {
-    return pytarn::SmartPyObj(PyRun_String(expression, Py_eval_input, globals(), globals()));
-}
-
-bool pyRun(const char* statements) {
-    return static_cast<bool>(
-        pytarn::SmartPyObj(PyRun_String(statements, Py_file_input, globals(), globals())));
+    PyObject* main = PyModule_GetDict(PyImport_AddModule("__main__")); // both borrowed
+    return pytarn::SmartPyObj(PyRun_String(expression, Py_eval_input, main, main));
 }
 
 std::string pendingError() {

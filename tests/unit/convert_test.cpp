@@ -1,95 +1,45 @@
-// The conversions and handles at the C level: reference counts, text forms that Tcl
-// scripts cannot build (malformed UTF-8, raw NUL, pure integers), and copies.
+// The conversions and handles at the C level: reference counts, and the forms that Tcl
+// scripts cannot build or see (malformed UTF-8, raw NUL, pure integers, shared objects).
 #include "TestEnv.h"
 
 #include "convert/TclConvert.h"
 
 #include <gtest/gtest.h>
 
-#include <set>
+#include <cstdint>
+#include <initializer_list>
 #include <string>
+#include <vector>
 
-using pytarn::SmartPyObj;
-using pytarn::SmartTclObj;
-using pytarn_test::pendingError;
-using pytarn_test::py;
+using namespace pytarn;
+using namespace pytarn_test;
 using namespace tcl_convert;
 
 namespace {
 
-std::string text(Tcl_Obj* obj) { return Tcl_GetString(obj); }
+Tcl_Obj* str(const std::string& text) {
+    return Tcl_NewStringObj(text.data(), static_cast<int>(text.size()));
+}
+Tcl_Obj* list(std::initializer_list<Tcl_Obj*> items) {
+    return Tcl_NewListObj(static_cast<int>(items.size()), items.begin());
+}
 std::string repr(const SmartPyObj& obj) {
     return obj ? SmartPyObj(PyObject_Repr(obj.get())).stdstr() : "<" + pendingError() + ">";
 }
-// Converts a fresh Tcl value and frees it; "<Error>" for a failure, which is cleared.
+// The repr of a fresh Tcl value's conversion, "<Error>" for a failure (then cleared), which
+// its detached copy must share; neither conversion may change the value's count or give
+// text to a value without it. The value is freed.
 std::string python(Tcl_Obj* value) {
-    SmartTclObj owner(value);
+    SmartTclObj owner(value), copy(detachedCopy(value));
     const int refs = value->refCount;
+    const bool noText = !value->bytes;
     std::string out = repr(fromTcl(value));
-    EXPECT_EQ(value->refCount, refs) << out;
     PyErr_Clear();
-    return out;
-}
-std::string python(const std::string& text) {
-    return python(Tcl_NewStringObj(text.data(), static_cast<int>(text.size())));
-}
-// The Tcl text of a Python expression's value, or "<Error>"; the value's own count
-// must come back to what it was.
-std::string tcl(const std::string& expression) {
-    SmartPyObj value = py(expression.c_str());
-    const Py_ssize_t refs = Py_REFCNT(value.get());
-    SmartTclObj converted(toTcl(value));
-    std::string out = PyErr_Occurred() ? "<" + pendingError() + ">" : text(converted.get());
+    EXPECT_EQ(repr(fromTcl(copy.get())), out);
     PyErr_Clear();
-    EXPECT_EQ(Py_REFCNT(value.get()), refs) << expression;
+    EXPECT_TRUE(value->refCount == refs && !value->bytes == noText && !copy.get()->bytes == noText)
+        << out;
     return out;
-}
-Tcl_Obj* nested(int levels) {
-    Tcl_Obj* value = Tcl_NewStringObj("x", -1);
-    for (int i = 0; i < levels; ++i) value = Tcl_NewListObj(1, &value);
-    return value;
-}
-
-// The object's shape: [..] a list, {k:v ..} a dict, s a plain string, o any other type.
-std::string shape(Tcl_Obj* obj, std::set<Tcl_Obj*>& seen) {
-    seen.insert(obj);
-    int count = 0;
-    Tcl_Obj** elements = nullptr;
-    if (obj->typePtr == Tcl_GetObjType("list")) {
-        Tcl_ListObjGetElements(nullptr, obj, &count, &elements);
-        std::string out = "[";
-        for (int i = 0; i < count; ++i) out += shape(elements[i], seen);
-        return out + "]";
-    }
-    if (obj->typePtr == Tcl_GetObjType("dict")) {
-        Tcl_DictSearch search;
-        Tcl_Obj *key, *value;
-        std::string out = "{";
-        for (Tcl_DictObjFirst(nullptr, obj, &search, &key, &value, &count); !count;
-             Tcl_DictObjNext(&search, &key, &value, &count))
-            out += shape(key, seen) + ":" + shape(value, seen);
-        return out + "}";
-    }
-    return obj->typePtr ? "o" : "s";
-}
-
-// Records what a handle holds while one of its old values is being released.
-SmartPyObj* watched = nullptr;
-PyObject* heldDuringRelease = nullptr;
-PyObject* recordHeld(PyObject*, PyObject*) {
-    heldDuringRelease = watched->get();
-    Py_RETURN_NONE;
-}
-PyMethodDef recordHeldDef{"recordHeld", recordHeld, METH_NOARGS, nullptr};
-
-bool probeFreed = false;
-const Tcl_ObjType probeType{"probe", [](Tcl_Obj*) { probeFreed = true; }, nullptr, nullptr,
-                            nullptr};
-Tcl_Obj* newProbe() {
-    probeFreed = false;
-    Tcl_Obj* obj = Tcl_NewObj();
-    obj->typePtr = &probeType;
-    return obj;
 }
 
 } // namespace
@@ -98,187 +48,104 @@ TEST(Handles, CountEachReferenceOnceAndReleaseTheOldValueLast) {
     PyObject* raw = PyList_New(0);
     Py_INCREF(raw); // the test's own, to watch the count
     {
-        SmartPyObj adopted(raw);
-        SmartPyObj borrowed = SmartPyObj::borrow(raw);
-        SmartPyObj copy(adopted);
-        SmartPyObj& alias = copy;
-        copy = alias;
+        SmartPyObj adopted(raw), borrowed = SmartPyObj::borrow(raw), copy(adopted);
         SmartPyObj moved(std::move(copy));
-        EXPECT_EQ(Py_REFCNT(raw), 4);
+        copy = moved;
+        EXPECT_EQ(Py_REFCNT(raw), 5);
     }
     EXPECT_EQ(Py_REFCNT(raw), 1);
     Py_DECREF(raw);
-
-    ASSERT_TRUE(pytarn_test::pyRun("class CallsOnDelete:\n"
-                                   "    def __init__(self, f): self.f = f\n"
-                                   "    def __del__(self): self.f()\n"));
-    SmartPyObj record(PyCFunction_New(&recordHeldDef, nullptr));
-    SmartPyObj make = py("CallsOnDelete");
-    SmartPyObj handle(PyObject_CallOneArg(make.get(), record.get()));
+    // A release may run __del__, which must find the handle holding its new value.
+    static SmartPyObj* watched = nullptr;
+    static PyObject* held = nullptr;
+    static PyMethodDef record{"record", [](PyObject*, PyObject*) -> PyObject* {
+        held = watched->get();
+        Py_RETURN_NONE;
+    }, METH_NOARGS, nullptr};
+    SmartPyObj recorder(PyCFunction_New(&record, nullptr));
+    SmartPyObj handle(PyObject_CallOneArg(
+        py("lambda f: type('D', (), {'__del__': lambda s: f()})()").get(), recorder.get()));
     watched = &handle;
-    SmartPyObj next = py("'next'");
-    handle = next;
-    EXPECT_EQ(heldDuringRelease, next.get());
-    handle = SmartPyObj(PyObject_CallOneArg(make.get(), record.get()));
-    SmartPyObj last = py("'last'");
-    PyObject* lastRaw = last.get();
-    handle = std::move(last);
-    EXPECT_EQ(heldDuringRelease, lastRaw);
+    handle = py("'new'");
+    EXPECT_EQ(held, handle.get());
     watched = nullptr;
-
-    {
-        SmartTclObj tclHandle(newProbe());
-        tclHandle = tclHandle.get();
-        EXPECT_FALSE(probeFreed);
-    }
-    EXPECT_TRUE(probeFreed);
-    SmartTclObj tclHandle(newProbe());
-    tclHandle = Tcl_NewObj();
-    EXPECT_TRUE(probeFreed);
-    Tcl_Obj* obj = newProbe();
+    // A Tcl handle takes its own reference and gives it back, whatever it is given.
+    Tcl_Obj* obj = Tcl_NewObj();
     Tcl_IncrRefCount(obj);
-    { SmartTclObj other(obj); }
+    {
+        SmartTclObj tclHandle(obj);
+        tclHandle = tclHandle.get();
+        EXPECT_EQ(obj->refCount, 2);
+        tclHandle = Tcl_NewObj();
+        EXPECT_EQ(obj->refCount, 1);
+        tclHandle = obj;
+    }
     EXPECT_EQ(obj->refCount, 1);
     Tcl_DecrRefCount(obj);
-    EXPECT_TRUE(probeFreed);
-    // stdstr: the str() text up to a NUL, empty with the error left when str() raises.
-    EXPECT_EQ(py("'h\\u00e9\\0b'").stdstr(), "h\xC3\xA9");
-    EXPECT_EQ(SmartPyObj().stdstr(), "");
-    EXPECT_EQ(py("type('B', (), {'__str__': lambda s: 1/0})()").stdstr(), "");
-    EXPECT_EQ(pendingError(), "ZeroDivisionError");
-    PyErr_Clear();
 }
 
-TEST(TextForms, TclOctalAndFloat) {
-    for (const char* yes : {"017", "0100", "0777"}) EXPECT_TRUE(isTclOctal(yes)) << yes;
-    for (const char* no : {"0", "00", "17", "08", "0o17", "-017", " 017", ""})
-        EXPECT_FALSE(isTclOctal(no)) << no;
-    for (const char* yes : {"1.5", ".5", "5.", "007.10"}) EXPECT_TRUE(isTclFloat(yes)) << yes;
-    for (const char* no : {".", "15", "1.2.3", "-1.5", "+1.5", "1e5", " 1.5", "1.5 ", ""})
-        EXPECT_FALSE(isTclFloat(no)) << no;
-}
-
-TEST(Convert, PythonValuesBecomeTclText) {
-    const std::string atLimit = std::to_string(max_depth), pastLimit = std::to_string(max_depth + 1);
-    ASSERT_TRUE(pytarn_test::pyRun("def nest(n, leaf):\n"
-                                   "    for _ in range(n): leaf = [leaf]\n"
-                                   "    return leaf\n"
-                                   "BadStr = type('BadStr', (), {'__str__': lambda s: 1/0})\n"));
-    const std::pair<std::string, const char*> cases[] = {
-        {"[1, 'a b', (2, [])]", "1 {a b} {2 {}}"},
-        {"type('L', (list,), {})([1, (2, ())])", "1 {2 {}}"},
-        {"{'a': 1, 'b': [1, 2], 'c': {'d': ''}}", "a 1 b {1 2} c {d {}}"},
-        {"type('D', (dict,), {})(a=1)", "a 1"}, {"{1: 'x', '1': 'y'}", "1 y"},
-        {"2**100", "1267650600228229401496703205376"}, {"-2**31", "-2147483648"},
-        {"'a\\0b'", "a"}, {"'\\U0001F600'", "\xED\xA0\xBD\xED\xB8\x80"}, // Tcl's surrogate pair
-        {"float('-inf')", "-inf"}, {"None", "None"}, {"{1}", "{1}"}, {"BadStr()", "<ZeroDivisionError>"},
-        // The error survives the conversion of the items after it.
-        {"[BadStr(), 'fine']", "<ZeroDivisionError>"},
-        {"nest(" + atLimit + ", 'x')", nullptr}, {"nest(" + pastLimit + ", 'x')", "<RecursionError>"},
-        {"nest(" + atLimit + ", {'k': 1})", "<RecursionError>"},
-        {"(lambda l: l.append(l) or l)([])", "<RecursionError>"},
-        {"(lambda d: d.update(k=d) or d)({})", "<RecursionError>"},
-        {"nest(" + atLimit + ", 'x')", nullptr}}; // no depth left behind by a failure
-    for (auto& [value, expected] : cases) {
-        const std::string got = tcl(value);
-        if (expected) EXPECT_EQ(got, expected) << value;
-        else EXPECT_EQ(got.find('<'), std::string::npos) << value;
+// Each path, with the converted value's own count back where it was.
+TEST(Convert, PythonValuesBecomeTclTextAndKeepTheirCounts) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"[1, 'a b', (2, []), type('D', (dict,), {})(k=[1])]", "1 {a b} {2 {}} {k 1}"},
+        {"[2**100, -2**63, 'h\\U0001F600']",
+         "1267650600228229401496703205376 -9223372036854775808 h\xED\xA0\xBD\xED\xB8\x80"},
+        // The first failed item's error survives the items after it.
+        {"[type('B', (), {'__str__': lambda s: 1/0})(), 'fine']", "<ZeroDivisionError>"},
+        {"(lambda l: l.append(l) or l)([])", "<RecursionError>"}};
+    for (auto [expression, expected] : cases) {
+        SmartPyObj value = py(expression);
+        const Py_ssize_t refs = Py_REFCNT(value.get());
+        SmartTclObj converted(toTcl(value));
+        EXPECT_EQ(PyErr_Occurred() ? "<" + pendingError() + ">" : Tcl_GetString(converted.get()),
+                  expected) << expression;
+        PyErr_Clear();
+        EXPECT_EQ(Py_REFCNT(value.get()), refs) << expression;
     }
-    EXPECT_EQ(tcl("{'a': 1}"), "a 1");
-    SmartTclObj dict(toTcl(py("{'a': 1}")));
-    EXPECT_EQ(dict.get()->typePtr, Tcl_GetObjType("dict"));
 }
 
-TEST(Convert, TclTextBecomesIntFloatOrStr) {
+TEST(Convert, TclValuesThatNoScriptBuildsOrSees) {
     const std::string digits(5000, '7');
-    const std::pair<std::string, std::string> cases[] = {
-        {" 42 ", "42"}, {"-7", "-7"}, {"0x1F", "31"}, {"0", "0"}, {"017", "15"}, {"0017", "15"},
-        {"08", "'08'"}, {"1.5", "1.5"}, {".5", "0.5"}, {"5.", "5.0"}, {"007.10", "7.1"},
-        {"-1.5", "'-1.5'"}, {"1e3", "'1e3'"}, {"1.2.3", "'1.2.3'"}, {"", "''"}, {"a b", "'a b'"},
-        {"\xF0\x9F\x98\x80", "'\xF0\x9F\x98\x80'"}, {"\xED\xA0\xBD\xED\xB8\x80", "'\xF0\x9F\x98\x80'"},
-        {"123456789012345678901234567890", "123456789012345678901234567890"},
-        // Not UTF-8: lone surrogate halves, a pair in the wrong order, a byte no UTF-8
-        // has, a sequence cut short; NUL as Tcl holds it, and a raw one.
-        {"\xED\xA0\x80", "<>"}, {"a\xED\xB8\x80", "<>"}, {"\xED\xB8\x80\xED\xA0\xBD", "<>"},
-        {"\xFF", "<>"}, {"\xE2\x82", "<>"}, {"a\xC0\x80" "b", "<>"}, {std::string("a\0b", 3), "<>"},
-        // Decimal past Python's digit limit is not an int: the str, as other text.
-        {digits, "'" + digits + "'"}, {" -" + digits + " ", "' -" + digits + " '"},
-        {"1_" + digits, "'1_" + digits + "'"},
-        {digits + "x", "'" + digits + "x'"}, {"1__" + digits, "'1__" + digits + "'"},
-        {digits + "_", "'" + digits + "_'"}, {" -1_000 ", "-1000"}};
-    for (auto& [value, expected] : cases) EXPECT_EQ(python(value), expected) << value;
-    SmartTclObj octal(Tcl_NewStringObj(("0" + digits).c_str(), -1));
-    EXPECT_TRUE(PyLong_CheckExact(fromTcl(octal.get()).get()));
-    const Tcl_UniChar chars[] = {'a', 0, 'b'};
-    EXPECT_EQ(python(Tcl_NewUnicodeObj(chars, 3)), "<>");
-}
-
-TEST(Convert, TclContainersAndIntegersKeepTheirShape) {
-    Tcl_Obj* pair[] = {Tcl_NewIntObj(1), Tcl_NewStringObj("a b", -1)};
-    SmartTclObj keepFirst(pair[0]), keepSecond(pair[1]);
-    Tcl_Obj* items[] = {pair[0], pair[1], Tcl_NewListObj(2, pair)};
-    EXPECT_EQ(python(Tcl_NewListObj(3, items)), "[1, 'a b', [1, 'a b']]");
-    EXPECT_EQ(pair[0]->refCount, 1);
-    Tcl_Obj* dict = Tcl_NewDictObj();
-    Tcl_DictObjPut(nullptr, dict, Tcl_NewStringObj("1", -1), Tcl_NewStringObj("2", -1));
-    Tcl_DictObjPut(nullptr, dict, Tcl_NewStringObj("k", -1), Tcl_NewListObj(2, pair));
-    EXPECT_EQ(python(dict), "{'1': 2, 'k': [1, 'a b']}");
-    // A failed item is printed and ends the list.
-    ASSERT_TRUE(pytarn_test::pyRun("import io, sys\nsaved, sys.stderr = sys.stderr, io.StringIO()"));
-    Tcl_Obj* bad[] = {Tcl_NewStringObj("a", -1), Tcl_NewStringObj("\xC0\x80", -1),
-                      Tcl_NewStringObj("c", -1)};
-    EXPECT_EQ(python(Tcl_NewListObj(3, bad)), "['a']");
-    // An item's own error, not a RecursionError, ends only its list.
-    Tcl_Obj* withNul[] = {Tcl_NewStringObj("1", -1), Tcl_NewStringObj("\xC0\x80", -1)};
-    Tcl_Obj* outer[] = {Tcl_NewListObj(2, withNul), Tcl_NewStringObj("2", -1)};
-    EXPECT_EQ(python(Tcl_NewListObj(2, outer)), "[[1], 2]");
-    EXPECT_NE(py("sys.stderr.getvalue()").stdstr().find("Error"), std::string::npos);
-    ASSERT_TRUE(pytarn_test::pyRun("sys.stderr = saved"));
-    SmartTclObj atLimit(nested(max_depth));
-    EXPECT_TRUE(fromTcl(atLimit.get()));
-    EXPECT_EQ(python(nested(max_depth + 1)), "<RecursionError>");
-    Tcl_Obj* deepDict = Tcl_NewDictObj();
-    Tcl_DictObjPut(nullptr, deepDict, Tcl_NewStringObj("k", -1), nested(max_depth));
-    EXPECT_EQ(python(deepDict), "<RecursionError>");
-
-    // Integers without text convert as their digits would and get no text, copies too;
-    // once an integer has text, the text decides ("-017" is -15 to Tcl, a str here).
-    for (Tcl_WideInt number : {Tcl_WideInt{0}, Tcl_WideInt{-15}, Tcl_WideInt{1} << 62,
-                               -(Tcl_WideInt{1} << 62) * 2}) {
-        SmartTclObj value(Tcl_NewWideIntObj(number));
-        SmartTclObj copy(detachedCopy(value.get()));
-        EXPECT_EQ(repr(fromTcl(value.get())), std::to_string(number));
-        EXPECT_EQ(repr(fromTcl(copy.get())), std::to_string(number));
-        EXPECT_EQ(value.get()->bytes, nullptr);
-    }
-    SmartTclObj octal(Tcl_NewStringObj("-017", -1));
+    Tcl_Obj* octal = str("-017"); // an integer to Tcl (-15), but its text decides here
     Tcl_WideInt number = 0;
-    ASSERT_EQ(Tcl_GetWideIntFromObj(nullptr, octal.get(), &number), TCL_OK);
-    SmartTclObj copy(detachedCopy(octal.get()));
-    EXPECT_EQ(repr(fromTcl(octal.get())) + repr(fromTcl(copy.get())), "'-017''-017'");
+    ASSERT_EQ(Tcl_GetWideIntFromObj(nullptr, octal, &number), TCL_OK);
+    ASSERT_EQ(PyRun_SimpleString("import io, sys\nsys.stderr = io.StringIO()"), 0);
+    const std::pair<Tcl_Obj*, std::string> cases[] = {
+        // A lone low surrogate, a pair in the wrong order, a sequence cut short, and a
+        // raw NUL (Tcl's own is 0xC0 0x80), which only a malformed object holds.
+        {str("a\xED\xB8\x80"), "<>"}, {str("\xED\xB8\x80\xED\xA0\xBD"), "<>"},
+        {str("\xE2\x82"), "<>"}, {str(std::string("a\0b", 3)), "<>"},
+        {str("\xED\xA0\xBD\xED\xB8\x80"), "'\xF0\x9F\x98\x80'"},
+        {str(" -" + digits + " "), "' -" + digits + " '"}, {str(" -1_000 "), "-1000"},
+        {str("017 "), "'017 '"}, // Tcl's octal is only digits, but not so Python's base 8
+        // Integers without text convert as their digits would.
+        {Tcl_NewWideIntObj(0), "0"}, {Tcl_NewWideIntObj(-15), "-15"},
+        {Tcl_NewWideIntObj(INT64_MIN), "-9223372036854775808"}, {octal, "'-017'"},
+        // A failed item is printed and ends its list, but not the lists around it.
+        {list({str("a"), str("\xC0\x80"), str("c")}), "['a']"},
+        {list({list({str("1"), str("\xC0\x80")}), str("2")}), "[[1], 2]"}};
+    for (auto& [value, expected] : cases) EXPECT_EQ(python(value), expected);
+    EXPECT_NE(py("sys.stderr.getvalue()").stdstr().find("ValueError"), std::string::npos);
 }
 
-TEST(DetachedCopy, SharesNoObjectKeepsTheShapeAndFailsOnlyBeyondTheDepthLimit) {
-    Tcl_Obj* shared = Tcl_NewStringObj("s", -1);
-    Tcl_Obj* pair[] = {shared, Tcl_NewIntObj(7)};
+// Any object the copy shared with the original would count one more reference.
+TEST(DetachedCopy, SharesNoObjectAndFailsOnlyBeyondTheDepthLimitAsConversionDoes) {
+    Tcl_Obj *shared = str("s"), *seven = Tcl_NewIntObj(7), *inner = list({shared, seven});
     Tcl_Obj* dict = Tcl_NewDictObj();
-    Tcl_DictObjPut(nullptr, dict, Tcl_NewStringObj("k", -1), Tcl_NewListObj(2, pair));
-    Tcl_Obj* top[] = {shared, Tcl_NewListObj(2, pair), dict};
-    SmartTclObj original(Tcl_NewListObj(3, top));
-    std::set<Tcl_Obj*> originals, copies;
-    EXPECT_EQ(shape(original.get(), originals), "[s[so]{s:[so]}]");
-    const int sharedRefs = shared->refCount;
+    Tcl_DictObjPut(nullptr, dict, str("k"), inner);
+    SmartTclObj original(list({shared, inner, dict}));
+    auto counts = [&] {
+        return std::vector<int>{shared->refCount, seven->refCount, inner->refCount, dict->refCount};
+    };
+    const std::vector<int> before = counts();
     SmartTclObj copy(detachedCopy(original.get()));
-    // The integer, which has no text yet, stays an integer.
-    EXPECT_EQ(shape(copy.get(), copies), "[s[so]{s:[so]}]");
-    EXPECT_EQ(text(copy.get()), text(original.get()));
-    EXPECT_EQ(shared->refCount, sharedRefs);
-    for (Tcl_Obj* obj : copies) {
-        EXPECT_EQ(originals.count(obj), 0u);
-        EXPECT_EQ(obj->refCount, 1);
-    }
-    SmartTclObj deep(nested(max_depth + 1)), atLimit(nested(max_depth));
-    EXPECT_EQ(detachedCopy(deep.get()), nullptr);
-    SmartTclObj copied(detachedCopy(atLimit.get()));
-    EXPECT_TRUE(copied);
+    EXPECT_EQ(counts(), before);
+    EXPECT_EQ(repr(fromTcl(copy.get())), "['s', ['s', 7], {'k': ['s', 7]}]");
+    Tcl_Obj* deep = str("x");
+    for (int i = 0; i < max_depth; ++i) deep = list({deep});
+    SmartTclObj atLimit(deep), beyond(list({deep}));
+    EXPECT_TRUE(SmartTclObj(detachedCopy(atLimit.get())) && fromTcl(atLimit.get()));
+    EXPECT_EQ(detachedCopy(beyond.get()), nullptr);
+    EXPECT_EQ(repr(fromTcl(beyond.get())), "<RecursionError>");
+    PyErr_Clear();
 }
