@@ -1,6 +1,5 @@
-// libFuzzer target: Tcl text converted to Python as it is, and as the list and the dict
-// that Tcl parses from it, and back; the number recognisers against a model of their
-// rules. A broken property aborts, which the fuzzer reports with the input.
+// libFuzzer target: Tcl text converted to Python as it is, and as the list and dict Tcl
+// parses from it, and back; the number recognisers against a model of their rules.
 #include "TestEnv.h"
 
 #include "convert/TclConvert.h"

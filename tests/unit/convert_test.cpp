@@ -26,9 +26,8 @@ Tcl_Obj* list(std::initializer_list<Tcl_Obj*> items) {
 std::string repr(const SmartPyObj& obj) {
     return obj ? SmartPyObj(PyObject_Repr(obj.get())).stdstr() : "<" + pendingError() + ">";
 }
-// The repr of a fresh Tcl value's conversion, "<Error>" for a failure (then cleared), which
-// its detached copy must share; neither conversion may change the value's count or give
-// text to a value without it. The value is freed.
+// The repr of a fresh Tcl value's conversion ("<Error>" for a failure, then cleared), which
+// its detached copy shares; neither changes the value's count or text. The value is freed.
 std::string python(Tcl_Obj* value) {
     SmartTclObj owner(value), copy(detachedCopy(value));
     const int refs = value->refCount;

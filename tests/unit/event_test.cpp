@@ -58,9 +58,8 @@ TEST(Notifier, WakesEveryWaiterNotifiedBeforeOrDuringItsWait) {
     EXPECT_LT(Clock::now() - start, long_bound / 2);
 }
 
-// Two threads hand a turn back and forth, each waiting for the other's notification:
-// a single lost wake-up costs a whole bound. Quick turns are caught while the waiter
-// watches; one in ten takes longer (the player works a while first) and finds it asleep.
+// Two threads hand a turn back and forth: a lost wake-up costs a whole bound. Quick turns
+// are caught while the waiter watches; one in ten comes late and finds it asleep.
 TEST(Notifier, HandOffsLoseNoWakeUp) {
     constexpr int rounds = 20000;
     Notifier notifier;
