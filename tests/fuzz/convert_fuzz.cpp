@@ -67,8 +67,18 @@ void checkContainer(Tcl_Obj* value, bool asDict) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     Tcl_FindExecutable(nullptr);
     if (!pytarn_test::initTclStubs(Tcl_CreateInterp())) std::abort();
-    setenv("PYTHONMALLOC", "malloc", 1); // Python's objects where the sanitizers see them
-    Py_InitializeEx(0);
+    // Python's objects on the C heap, where the sanitizers see them; nothing from the
+    // environment or site.
+    PyPreConfig preconfig;
+    PyPreConfig_InitIsolatedConfig(&preconfig);
+    preconfig.allocator = PYMEM_ALLOCATOR_MALLOC;
+    PyConfig config;
+    PyConfig_InitIsolatedConfig(&config);
+    config.site_import = 0;
+    if (PyStatus_Exception(Py_PreInitialize(&preconfig)) ||
+        PyStatus_Exception(Py_InitializeFromConfig(&config)))
+        std::abort();
+    PyConfig_Clear(&config);
     // Failed list items are printed; the fuzzer's output needs none of it.
     return PyRun_SimpleString("import sys, os\nsys.stderr = open(os.devnull, 'w')");
 }

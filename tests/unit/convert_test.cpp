@@ -29,15 +29,14 @@ std::string repr(const SmartPyObj& obj) {
 // The repr of a fresh Tcl value's conversion ("<Error>" for a failure, then cleared), which
 // its detached copy shares; neither changes the value's count or text. The value is freed.
 std::string python(Tcl_Obj* value) {
+    const bool noText = !value->bytes;
     SmartTclObj owner(value), copy(detachedCopy(value));
     const int refs = value->refCount;
-    const bool noText = !value->bytes;
     std::string out = repr(fromTcl(value));
     PyErr_Clear();
     EXPECT_EQ(repr(fromTcl(copy.get())), out);
     PyErr_Clear();
-    EXPECT_TRUE(value->refCount == refs && !value->bytes == noText && !copy.get()->bytes == noText)
-        << out;
+    EXPECT_TRUE(value->refCount == refs && !value->bytes == noText && !copy.get()->bytes == noText);
     return out;
 }
 
@@ -67,7 +66,6 @@ TEST(Handles, CountEachReferenceOnceAndReleaseTheOldValueLast) {
     watched = &handle;
     handle = py("'new'");
     EXPECT_EQ(held, handle.get());
-    watched = nullptr;
     // A Tcl handle takes its own reference and gives it back, whatever it is given.
     Tcl_Obj* obj = Tcl_NewObj();
     Tcl_IncrRefCount(obj);
@@ -81,17 +79,30 @@ TEST(Handles, CountEachReferenceOnceAndReleaseTheOldValueLast) {
     }
     EXPECT_EQ(obj->refCount, 1);
     Tcl_DecrRefCount(obj);
+    // stdstr is empty, with the error left, when str() raises.
+    EXPECT_EQ(py("type('B', (), {'__str__': lambda s: 1/0})()").stdstr(), "");
+    EXPECT_EQ(pendingError(), "ZeroDivisionError");
+    PyErr_Clear();
+}
+
+TEST(TextForms, TclOctalAndFloat) {
+    for (const char* yes : {"017", "0777"}) EXPECT_TRUE(isTclOctal(yes)) << yes;
+    for (const char* no : {"0", "00", "08", "0o17", "-017", ""}) EXPECT_FALSE(isTclOctal(no)) << no;
+    for (const char* yes : {"1.5", ".5", "5."}) EXPECT_TRUE(isTclFloat(yes)) << yes;
+    for (const char* no : {".", "15", "1.2.3", "-1.5", "1e5"}) EXPECT_FALSE(isTclFloat(no)) << no;
 }
 
 // Each path, with the converted value's own count back where it was.
 TEST(Convert, PythonValuesBecomeTclTextAndKeepTheirCounts) {
     const std::pair<const char*, const char*> cases[] = {
-        {"[1, 'a b', (2, []), type('D', (dict,), {})(k=[1])]", "1 {a b} {2 {}} {k 1}"},
+        {"[1, 'a b', type('T', (tuple,), {})((2, [])), type('D', (dict,), {})(k=[1])]",
+         "1 {a b} {2 {}} {k 1}"},
         {"[2**100, -2**63, 'h\\U0001F600']",
          "1267650600228229401496703205376 -9223372036854775808 h\xED\xA0\xBD\xED\xB8\x80"},
         // The first failed item's error survives the items after it.
         {"[type('B', (), {'__str__': lambda s: 1/0})(), 'fine']", "<ZeroDivisionError>"},
-        {"(lambda l: l.append(l) or l)([])", "<RecursionError>"}};
+        {"(lambda l: l.append(l) or l)([])", "<RecursionError>"},
+        {"(lambda d: d.update(k=d) or d)({})", "<RecursionError>"}};
     for (auto [expression, expected] : cases) {
         SmartPyObj value = py(expression);
         const Py_ssize_t refs = Py_REFCNT(value.get());
@@ -116,7 +127,7 @@ TEST(Convert, TclValuesThatNoScriptBuildsOrSees) {
         {str("\xE2\x82"), "<>"}, {str(std::string("a\0b", 3)), "<>"},
         {str("\xED\xA0\xBD\xED\xB8\x80"), "'\xF0\x9F\x98\x80'"},
         {str(" -" + digits + " "), "' -" + digits + " '"}, {str(" -1_000 "), "-1000"},
-        {str("017 "), "'017 '"}, // Tcl's octal is only digits, but not so Python's base 8
+        {str("017 "), "'017 '"}, {str("007.10"), "7.1"},
         // Integers without text convert as their digits would.
         {Tcl_NewWideIntObj(0), "0"}, {Tcl_NewWideIntObj(-15), "-15"},
         {Tcl_NewWideIntObj(INT64_MIN), "-9223372036854775808"}, {octal, "'-017'"},

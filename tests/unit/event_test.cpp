@@ -82,6 +82,15 @@ TEST(Notifier, HandOffsLoseNoWakeUp) {
     EXPECT_LT(Clock::now() - start, long_bound / 2);
 }
 
+// Failing to convert its result, with no helper module to format the failure.
+TEST(PyEventService, FailuresBecomeTclErrorsAndLeaveNoPythonError) {
+    PyEvent ev([] { return py("type('B', (), {'__str__': lambda s: 1/0})()").release(); });
+    PythonEventQueue::serviceEvent(&ev);
+    EXPECT_TRUE(ev.done.load() && ev.status == TCL_ERROR && !PyErr_Occurred());
+    EXPECT_STREQ(ev.result ? Tcl_GetString(ev.result.get()) : "",
+                 "ZeroDivisionError: division by zero");
+}
+
 // Once shutdown has begun neither side takes requests: a call must end at once
 // instead of queueing a request that nobody carries out.
 TEST(EventMgrSpin, EndsAtOnceOnceShutdownHasBegun) {
