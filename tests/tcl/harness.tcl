@@ -1,5 +1,4 @@
-# Shared set-up of the Tcl-level suites (tests/tcl, tests/stress); every suite sources
-# it first and ends with `finish`. Run one as: pytarnsh tests/tcl/NAME.test
+# Shared set-up of every suite, which ends with `finish`: pytarnsh tests/tcl/NAME.test
 package require tcltest 2
 namespace import ::tcltest::*
 # Each case says when it starts, so that a suite cut off by its time limit names the case.
@@ -19,8 +18,7 @@ if {$::pytarn::status != 0} {
     exit 1
 }
 
-# Runs the calling suite again with the helper module of the variant root NAME,
-# unless this process already is one, and exits as it did.
+# Runs the calling suite again in the variant root NAME (unless it is one) and exits so.
 proc useRoot {name} {
     set root [file join $::rootsDir $name]
     if {[testEnv PYTARN_HOME] eq $root} return
@@ -35,9 +33,8 @@ proc scriptFile {text} {
     try {puts -nonewline $chan $text; return $name} finally {close $chan}
 }
 
-# Runs the command ARGS from directory DIR with INPUT on stdin and the environment
-# changed by ENV (name value ...; an empty value unsets). Returns a dict: code (exit
-# status, or "hung" once killed after childBound ms), stdout, stderr, end (clock ms).
+# Runs ARGS from DIR with INPUT on stdin, ENV changed (name value ...; "" unsets): a dict of
+# code (exit status, or "hung" once killed after childBound ms), stdout, stderr, end (ms).
 set childBound 120000
 proc run {dir env input args} {
     set saved {}
@@ -80,8 +77,7 @@ proc run {dir env input args} {
     } finally {unset ::runEnded($pipe) ::runOut($pipe); file delete $errFile}
 }
 
-# Runs SCRIPT in a new pytarnsh with the variant root ROOT ("" for the main one); as
-# `run`, with ms: the wall time from the start of SCRIPT to the end of the process.
+# `run` of SCRIPT in a new pytarnsh of root ROOT ("": the main one), with ms: its run time.
 proc child {root script} {
     close [file tempfile startFile]
     set file [scriptFile "[list apply {{f} {set c [open $f w]; puts $c [clock milliseconds]
@@ -94,15 +90,13 @@ proc child {root script} {
     return $r
 }
 
-# {code stdout stderr} of a child, and whether it ended within the 2 s that an exit
-# may take whatever Python is doing.
+# {code stdout stderr} of a child, and whether it ended within the 2 s an exit may take.
 proc exitOf {script {root ""}} {
     set r [child $root $script]
     list {*}[dict values [dict filter $r key code stdout stderr]] [expr {[dict get $r ms] < 2000}]
 }
 
-# Runs SCRIPT in the stock shell SHELL (wish8.6 under xvfb-run without a display) from
-# DIR with TCLLIBPATH=LIBPATH; a sanitizer build's runtime is preloaded into it.
+# Runs SCRIPT in the stock SHELL (wish8.6 under xvfb-run) from DIR, TCLLIBPATH=LIBPATH.
 proc stockShell {shell dir libPath script} {
     set file [scriptFile $script]
     set command [list env LD_PRELOAD=[testEnv PYTARN_TEST_PRELOAD] $shell $file]
