@@ -1,10 +1,9 @@
-// Python's environment beyond the bootstrap script: text streams for
-// sys.stdout and sys.stderr, interrupts of running requests, and Python's
-// exit work when the host exits.
+// Python's environment beyond the bootstrap script: interrupts of running
+// requests and Python's exit work when the host exits (the text streams are
+// modules/StreamsMod.h).
 #pragma once
 
 #include "Bridge.h"
-#include "modules/StreamsMod.h"
 
 namespace pytarn {
 

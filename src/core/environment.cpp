@@ -2,6 +2,7 @@
 #include "Environment.h"
 
 #include "convert/PyErrors.h"
+#include "modules/StreamsMod.h"
 
 namespace pytarn {
 

@@ -6,6 +6,7 @@
 #include "convert/PyErrors.h"
 #include "modules/PytarnMod.h"
 #include "modules/EnvironmentMod.h"
+#include "modules/StreamsMod.h"
 
 #include <filesystem>
 #include <iostream>
