@@ -2,15 +2,18 @@
 // queues, the notifier, the output queue, and a call made once shutdown has begun.
 #include "TestEnv.h"
 
+#include "core/Bridge.h" // the work functions, whose requests the queues carry
 #include "event/State.h"
 
 #include <gtest/gtest.h>
 
 #include <deque>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 using namespace pytarn::event;
+using pytarn_test::pendingError;
 using pytarn_test::py;
 using Clock = std::chrono::steady_clock;
 
@@ -89,6 +92,27 @@ TEST(PyEventService, FailuresBecomeTclErrorsAndLeaveNoPythonError) {
     EXPECT_TRUE(ev.done.load() && ev.status == TCL_ERROR && !PyErr_Occurred());
     EXPECT_STREQ(ev.result ? Tcl_GetString(ev.result.get()) : "",
                  "ZeroDivisionError: division by zero");
+}
+
+// A work function returns null exactly when it leaves an error set; a request that
+// trusted a later PyErr_Occurred() would report success for a failed assignment.
+TEST(WorkFunctions, SetFailsWithNullAndItsErrorSet) {
+    pytarn::PythonState& state = pytarn::python_state;
+    state.main_dict = py("{'__builtins__': __builtins__}");
+    for (auto [target, swap, error] : {std::tuple{"answer", "type('S', (), {})()", ""},
+             {"1", "type('S', (), {})()", "SyntaxError"}, {"a.b", "type('S', (), {})()", "NameError"},
+             {"answer", "object()", "AttributeError"}}) { // the value cannot be handed over
+        state.tcl = py(swap);
+        PyDict_SetItemString(state.main_dict.get(), "__tcl", state.tcl.get());
+        pytarn::SmartTclObj value(Tcl_NewStringObj("42", -1));
+        pytarn::SmartPyObj returned(pytarn::python::set(target, &value));
+        EXPECT_EQ(pendingError(), error) << target;
+        EXPECT_EQ(!returned, *error != '\0') << target;
+        PyErr_Clear();
+    }
+    EXPECT_EQ(PyLong_AsLong(PyDict_GetItemString(state.main_dict.get(), "answer")), 42);
+    state.tcl.reset();
+    state.main_dict.reset();
 }
 
 // Once shutdown has begun neither side takes requests: a call must end at once
