@@ -94,6 +94,18 @@ TEST(PyEventService, FailuresBecomeTclErrorsAndLeaveNoPythonError) {
                  "ZeroDivisionError: division by zero");
 }
 
+// An interrupt that lands after a request has ended, before the Tcl thread has
+// returned from the call, must not reach the Python thread, which has moved on.
+TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
+    RunningCalls& calls = pytarn::event_mgr->calls;
+    PyEvent ev([] { return py("None").release(); });
+    ev.call = calls.enter();
+    PythonEventQueue::serviceEvent(&ev);
+    ASSERT_TRUE(calls.markInnermost());
+    EXPECT_NE(calls.takeMark().kind, RunningCalls::Target::running);
+    calls.leave();
+}
+
 // A work function returns null exactly when it leaves an error set; a request that
 // trusted a later PyErr_Occurred() would report success for a failed assignment.
 TEST(WorkFunctions, SetFailsWithNullAndItsErrorSet) {
