@@ -1,5 +1,5 @@
-// The transport's pieces that no Tcl script can drive one step at a time: the request
-// queues, the notifier, the output queue, and a call made once shutdown has begun.
+// What no Tcl script can drive one step at a time: request queues, notifier, output queue,
+// a request's window for interrupts, the work functions' contract, calls during shutdown.
 #include "TestEnv.h"
 
 #include "core/Bridge.h" // the work functions, and the state and queues below them
