@@ -62,7 +62,9 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
 PyObject* EventMgr::spin(TclEvent* ev) {
     if (!python_alive->load()) Py_RETURN_NONE; // shutting down: Tcl takes no more
     if (refused(ev)) {
+        // Never sent, so finished here: what it carries is the caller's again.
         ev->interp_deleted = true;
+        ev->done.store(true);
         return postProcess(ev);
     }
     tcl_queue.push(ev);
