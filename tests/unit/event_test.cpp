@@ -57,6 +57,7 @@ TEST(Notifier, WakesEveryWaiterNotifiedBeforeOrDuringItsWait) {
     notifier.notifyAll();
     for (auto& waiter : waiters) waiter.join();
     notifier.waitChange(seen, long_bound); // notified before it began: returns at once
+    notifier.waitChange(notifier.generation(), long_bound, [] { return true; }); // or ready
     EXPECT_LT(Clock::now() - start, long_bound / 2);
 }
 
@@ -101,6 +102,14 @@ TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
     PythonEventQueue::serviceEvent(&ev);
     EXPECT_TRUE(calls.markInnermost() && calls.takeMark().kind != RunningCalls::Target::running);
     calls.leave();
+}
+
+// The exit's bounded wait tells a finished request from one that it must interrupt.
+TEST(TclEventQueue, ABoundedWaitSaysWhetherTheRequestIsDone) {
+    PyEvent finished(nullptr), running(nullptr);
+    finished.done.store(true);
+    EXPECT_TRUE(pytarn::event_mgr->tcl_queue.waitFor(&finished, Clock::now() + long_bound));
+    EXPECT_FALSE(pytarn::event_mgr->tcl_queue.waitFor(&running, Clock::now()));
 }
 
 // Null exactly when an error is set, or a request would report a failed assignment as done.
