@@ -17,4 +17,7 @@ def __setupExceptionCapture():
         return _RaisingFinalize()
     if mode == "raisingHook":
         raise RuntimeError("hook failed")
+    if mode == "vanishingFinalize":  # there when asked for, gone when taken
+        looks = iter([lambda: "never"])
+        return type("Vanishing", (), {"finalize": property(lambda self: next(looks))})()
     return 42
