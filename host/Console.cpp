@@ -214,7 +214,10 @@ Reading readTerminal(const std::string& prompt) {
     struct sigaction previous {};
     action.sa_handler = onSigint;
     sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, &previous);
+    // Ignored since start-up, Ctrl-C stays ignored here too, as at python3's prompt.
+    sigaction(SIGINT, nullptr, &previous);
+    if ((previous.sa_flags & SA_SIGINFO) || previous.sa_handler != SIG_IGN)
+        sigaction(SIGINT, &action, nullptr);
     Tcl_CreateFileHandler(line_state.interrupt_pipe[0], TCL_READABLE, onInterrupt, nullptr);
     Tcl_CreateFileHandler(STDIN_FILENO, TCL_READABLE, onReadable, nullptr);
     rl_callback_handler_install(prompt.c_str(), onLine);

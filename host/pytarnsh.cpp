@@ -65,7 +65,13 @@ void onInterrupt(int) {
     std::raise(SIGINT);
 }
 
+// A shell that started the program with SIGINT ignored (a background job, nohup)
+// meant it to stay ignored, as it does in tclsh and python3.
 void handleInterrupts() {
+    struct sigaction inherited {};
+    if (sigaction(SIGINT, nullptr, &inherited) != 0 ||
+        (!(inherited.sa_flags & SA_SIGINFO) && inherited.sa_handler == SIG_IGN))
+        return;
     struct sigaction action {};
     action.sa_handler = onInterrupt;
     sigemptyset(&action.sa_mask);

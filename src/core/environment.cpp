@@ -1,6 +1,8 @@
 // Python's environment beyond the bootstrap script (see Environment.h).
 #include "Environment.h"
 
+#include "Signals.h"
+
 #include "convert/PyErrors.h"
 #include "modules/StreamsMod.h"
 
@@ -9,6 +11,7 @@ namespace pytarn {
 void setUpEnvironment() {
     if (!streams::install()) printPythonError();
     if (!interrupts::prepare()) printPythonError();
+    if (!signals::install()) printPythonError();
 }
 
 } // namespace pytarn

@@ -2,6 +2,7 @@
 #include "Bridge.h"
 #include "PytarnCommands.h"
 #include "Environment.h"
+#include "Signals.h"
 
 #include "convert/Guard.h"
 #include "convert/PyErrors.h"
@@ -136,6 +137,7 @@ void PythonThread::run() {
         PyEval_RestoreThread(state);
         PyGILState_Release(gil);
     }
+    signals::release();
     finished.store(true);
     notifier.notifyAll();
 }
