@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 namespace pytarn::streams {
 
@@ -91,6 +92,10 @@ const char* const stream_class =
     "            self.write_through = bool(write_through)\n"
     "        plain = self.errors == 'strict' and not self.line_buffering\n"
     "        self.write = self._write if plain else self._careful_write\n"
+    "    def detach(self):\n"
+    "        self.flush()\n"
+    "        buffer, self.buffer = self.buffer, None\n"
+    "        return buffer\n"
     "    def __repr__(self):\n"
     "        return '<pytarn stream %s>' % self.name\n";
 
@@ -207,6 +212,7 @@ PyObject* bytesWritten(PyObject* channel, PyObject* data) {
     work.name = channelName(channel);
     Py_buffer view;
     if (!work.name || PyObject_GetBuffer(data, &view, PyBUF_SIMPLE) != 0) return nullptr;
+    const std::unique_ptr<Py_buffer, void (*)(Py_buffer*)> release(&view, PyBuffer_Release);
     work.bytes = static_cast<const char*>(view.buf);
     work.length = static_cast<std::size_t>(view.len);
     const bool to_stderr = std::strcmp(work.name, "stderr") == 0;
@@ -222,7 +228,6 @@ PyObject* bytesWritten(PyObject* channel, PyObject* data) {
                !python_api::raisedWriteFailure(to_stderr)) {
         wrote = PyLong_FromSsize_t(view.len);
     }
-    PyBuffer_Release(&view);
     return wrote.release();
 }
 
