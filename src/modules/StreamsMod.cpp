@@ -9,6 +9,7 @@
 #include "TclMod.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -216,6 +217,10 @@ PyObject* bytesWritten(PyObject* channel, PyObject* data) {
     work.bytes = static_cast<const char*>(view.buf);
     work.length = static_cast<std::size_t>(view.len);
     const bool to_stderr = std::strcmp(work.name, "stderr") == 0;
+    if (view.len > INT_MAX) { // Tcl counts in int
+        PyErr_SetString(PyExc_OverflowError, "too many bytes for one write");
+        return nullptr;
+    }
     SmartPyObj text;
     if (!std::memchr(work.bytes, '\0', work.length))
         text = PyUnicode_DecodeUTF8(work.bytes, view.len, nullptr);
