@@ -109,6 +109,9 @@ struct alignas(cache_line) TclEvent {
     // through the outcome fields (TclEventQueue::storeFailure for a failure).
     void (*action)(Tcl_Interp* interp, TclEvent* ev) = nullptr;
     void* context = nullptr; // the action's, not owned
+    // The action uses only the standard channels: once the interpreter is
+    // deleted it still runs, given a null interpreter, instead of failing.
+    bool outlives_interp = false;
 };
 
 // The one wake-up channel shared by every waiter of both directions.

@@ -1,11 +1,13 @@
 #include "OutputQueue.h"
 
+#include <new>
+
 namespace pytarn::event {
 
 OutputQueue::Appended OutputQueue::append(bool to_stderr, const char* text,
-                                          std::size_t length) {
+                                          std::size_t length, bool bounded) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (bytes_ >= limit) return Appended::full;
+    if (bounded && bytes_ >= limit) return Appended::full;
     if (pieces_.empty() || pieces_.back().to_stderr != to_stderr ||
         pieces_.back().text.size() >= piece_size) {
         pieces_.emplace_back();
@@ -45,6 +47,26 @@ bool OutputQueue::take(Piece* piece) {
     pieces_.pop_front();
     bytes_ -= piece->text.size();
     pending_.store(!pieces_.empty());
+    return true;
+}
+
+void OutputQueue::fail(bool to_stderr, int number, const char* message) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (failed_[to_stderr].load()) return;
+    failures_[to_stderr].number = number;
+    try {
+        failures_[to_stderr].message = message;
+    } catch (const std::bad_alloc&) { // the errno alone still tells what failed
+        failures_[to_stderr].message.clear();
+    }
+    failed_[to_stderr].store(true);
+}
+
+bool OutputQueue::takeFailure(bool to_stderr, Failure* failure) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!failed_[to_stderr].load()) return false;
+    *failure = std::move(failures_[to_stderr]);
+    failed_[to_stderr].store(false);
     return true;
 }
 

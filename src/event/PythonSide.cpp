@@ -8,10 +8,10 @@ namespace pytarn::event {
 namespace {
 constexpr std::chrono::seconds wait_bound{1};
 
-// Once the interpreter is deleted only output is still written (to the
-// standard channels, which outlive it); everything else fails.
+// Once the interpreter is deleted only output and work on the standard
+// channels (which outlive it) are still carried out; everything else fails.
 bool refused(const TclEvent* ev) {
-    return !ev->output && python_thread.interp_deleted.load();
+    return !ev->output && !ev->outlives_interp && python_thread.interp_deleted.load();
 }
 } // namespace
 

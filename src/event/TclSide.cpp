@@ -4,47 +4,111 @@
 #include "convert/Guard.h"
 #include "convert/TclConvert.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
 namespace pytarn::event {
 
 namespace {
 
 constexpr std::chrono::seconds wait_bound{1};
 
-// Compiled once, kept for the life of the process (never released: Tcl may
-// be finalised before static destruction). The text to print reaches puts
-// only as a variable's value, never as script.
-Tcl_Obj* keptScript(const char* text) {
-    Tcl_Obj* script = Tcl_NewStringObj(text, -1);
-    Tcl_IncrRefCount(script);
-    return script;
+// Kept for the life of the process (never released: Tcl may be finalised
+// before static destruction).
+Tcl_Obj* keptWord(const char* text) {
+    Tcl_Obj* word = Tcl_NewStringObj(text, -1);
+    Tcl_IncrRefCount(word);
+    return word;
 }
 
-Tcl_Obj* outputScript(bool to_stderr) {
-    static Tcl_Obj* const out = keptScript("puts -nonewline $::python::__buff");
-    static Tcl_Obj* const err = keptScript("puts -nonewline stderr $::python::__buff");
-    return to_stderr ? err : out;
+// True while the Tcl thread sets ::python::__buff. Tcl runs no trace of a
+// variable inside that variable's own trace, so output that a trace's call
+// into Python makes is held back until the write in progress is done:
+// written meanwhile, the trace would never see it. `held_back` tells the
+// drain that runs to look again. Tcl thread only.
+bool setting_buff = false;
+bool held_back = false;
+
+// Tcl names errno values (POSIX EPIPE ...) but offers no way back.
+int errnoNamed(const char* name) {
+    const int saved = Tcl_GetErrno();
+    int number = 256;
+    while (--number > 0) {
+        Tcl_SetErrno(number);
+        if (std::strcmp(Tcl_ErrnoId(), name) == 0) break;
+    }
+    Tcl_SetErrno(saved);
+    return number;
+}
+
+// Keeps the failed write's error for Python, which sees OSError (with the
+// errno that Tcl reported, EBADF for a channel that is gone).
+void writeFailed(Tcl_Interp* interp, bool to_stderr, int code) {
+    Tcl_Obj* options = Tcl_GetReturnOptions(interp, code);
+    Tcl_IncrRefCount(options);
+    Tcl_Obj* key = Tcl_NewStringObj("-errorcode", -1);
+    Tcl_IncrRefCount(key);
+    Tcl_Obj* errorCode = nullptr;
+    int count = 0;
+    Tcl_Obj** words = nullptr;
+    if (Tcl_DictObjGet(nullptr, options, key, &errorCode) != TCL_OK || !errorCode ||
+        Tcl_ListObjGetElements(nullptr, errorCode, &count, &words) != TCL_OK)
+        count = 0;
+    int number = 0;
+    if (count >= 2 && std::strcmp(Tcl_GetString(words[0]), "POSIX") == 0)
+        number = errnoNamed(Tcl_GetString(words[1]));
+    if (count >= 3 && std::strcmp(Tcl_GetString(words[1]), "LOOKUP") == 0 &&
+        std::strcmp(Tcl_GetString(words[2]), "CHANNEL") == 0)
+        number = EBADF;
+    event_mgr->output.fail(to_stderr, number, Tcl_GetString(Tcl_GetObjResult(interp)));
+    Tcl_DecrRefCount(key);
+    Tcl_DecrRefCount(options);
+    Tcl_ResetResult(interp);
+}
+
+// Once the interpreter is deleted (or being deleted), straight to the
+// thread's standard channels, which outlive it.
+void writeStandard(bool to_stderr, const char* text) {
+    const char* name = to_stderr ? "stderr" : "stdout";
+    Tcl_Channel channel = Tcl_GetStdChannel(to_stderr ? TCL_STDERR : TCL_STDOUT);
+    if (!channel) return;
+    if (Tcl_WriteChars(channel, tcl_convert::TclText(text).get(), -1) >= 0) return;
+    const int number = Tcl_GetErrno();
+    char message[200];
+    std::snprintf(message, sizeof message, "error writing \"%s\": %s", name,
+                  Tcl_ErrnoMsg(number));
+    event_mgr->output.fail(to_stderr, number, message);
 }
 
 // Through puts, so that a host that redefines puts (a console window) gets
-// Python's output too. A trace on ::python::__buff sees each piece once.
-// Once the interpreter has been deleted, straight to the thread's standard
-// channels, which outlive it.
+// Python's output too. The piece reaches puts as a value, never as script,
+// nor read back from ::python::__buff, which a trace may have set again.
 void writeOutput(bool to_stderr, const char* text) {
     Tcl_Interp* interp = tcl_interp;
-    if (!interp) {
-        if (Tcl_Channel channel = Tcl_GetStdChannel(to_stderr ? TCL_STDERR : TCL_STDOUT))
-            Tcl_WriteChars(channel, tcl_convert::TclText(text).get(), -1);
+    if (!interp || Tcl_InterpDeleted(interp)) {
+        writeStandard(to_stderr, text);
         return;
     }
+    static Tcl_Obj* const puts = keptWord("puts");
+    static Tcl_Obj* const nonewline = keptWord("-nonewline");
+    static Tcl_Obj* const standardError = keptWord("stderr");
     Tcl_Preserve(interp); // puts may be a host's procedure that deletes it
-    tcl_convert::TclText piece(text);
-    if (!Tcl_SetVar(interp, "::python::__buff", piece.get(), TCL_GLOBAL_ONLY)) {
+    Tcl_Obj* piece = Tcl_NewStringObj(tcl_convert::TclText(text).get(), -1);
+    Tcl_IncrRefCount(piece);
+    setting_buff = true;
+    if (!Tcl_SetVar2Ex(interp, "::python::__buff", nullptr, piece, TCL_GLOBAL_ONLY) &&
+        !Tcl_FindNamespace(interp, "::python", nullptr, TCL_GLOBAL_ONLY)) {
         // A script deleted the namespace: the variable is made again rather
         // than the output lost.
         Tcl_CreateNamespace(interp, "::python", nullptr, nullptr);
-        Tcl_SetVar(interp, "::python::__buff", piece.get(), TCL_GLOBAL_ONLY);
+        Tcl_SetVar2Ex(interp, "::python::__buff", nullptr, piece, TCL_GLOBAL_ONLY);
     }
-    Tcl_EvalObjEx(interp, outputScript(to_stderr), 0);
+    setting_buff = false;
+    Tcl_Obj* words[] = {puts, nonewline, to_stderr ? standardError : piece, piece};
+    const int code = Tcl_EvalObjv(interp, to_stderr ? 4 : 3, words, 0);
+    if (code != TCL_OK && !Tcl_InterpDeleted(interp)) writeFailed(interp, to_stderr, code);
+    Tcl_DecrRefCount(piece);
     Tcl_Release(interp);
 }
 
@@ -87,15 +151,25 @@ void TclEventQueue::wake() {
 }
 
 bool TclEventQueue::drainOutput() {
+    if (setting_buff) {
+        held_back = true;
+        return false;
+    }
+    held_back = false;
     if (!event_mgr->output.pending()) return false;
     // What waits now, not what threads go on printing meanwhile: a slow
     // channel must not keep the Tcl thread here for ever.
     std::size_t count = event_mgr->output.pieces();
     OutputQueue::Piece piece;
     bool wrote = false;
-    for (; count > 0 && event_mgr->output.take(&piece); --count) {
+    while (count > 0 && event_mgr->output.take(&piece)) {
+        --count;
         writeOutput(piece.to_stderr, piece.text.c_str());
         wrote = true;
+        if (held_back) { // what a trace's call printed comes next
+            held_back = false;
+            count = event_mgr->output.pieces();
+        }
     }
     return wrote;
 }
@@ -185,12 +259,24 @@ void TclEventQueue::serviceEvent(TclEvent* ev) {
     drainOutput();
     if (!python_alive->load()) return;
     if (ev->output) {
-        writeOutput(ev->to_stderr, ev->output);
+        if (setting_buff) { // after the write in progress, as the queue's
+            event_mgr->output.append(ev->to_stderr, ev->output, std::strlen(ev->output), false);
+            held_back = true;
+        } else {
+            writeOutput(ev->to_stderr, ev->output);
+            if (held_back) drainOutput();
+        }
         if (!python_alive->load()) return;
         complete(ev);
         return;
     }
     Tcl_Interp* interp = tcl_interp;
+    if (interp && Tcl_InterpDeleted(interp)) interp = nullptr; // deleted within this call
+    if (!interp && ev->action && ev->outlives_interp) {
+        ev->action(nullptr, ev);
+        complete(ev);
+        return;
+    }
     if (!interp) {
         if (ev->words) releaseWords(ev);
         ev->interp_deleted = true;
@@ -213,7 +299,7 @@ void TclEventQueue::serviceAllEvents() {
         if (!ev) break;
         serviceEvent(ev);
     }
-    if (!empty() || event_mgr->output.pending()) wake();
+    if (!empty() || (!setting_buff && event_mgr->output.pending())) wake();
 }
 
 void TclEventQueue::waitFor(PyEvent* ev) {
@@ -238,7 +324,7 @@ bool TclEventQueue::waitFor(PyEvent* ev, std::chrono::steady_clock::time_point d
         if (deadline != std::chrono::steady_clock::time_point::max())
             bound = std::min(bound, std::chrono::duration_cast<std::chrono::microseconds>(
                                         deadline - now) + std::chrono::microseconds{1});
-        if (event_mgr->output.pending()) {
+        if (!setting_buff && event_mgr->output.pending()) {
             bound = std::min(bound, event_mgr->output.dueIn());
             if (bound.count() == 0) {
                 drainOutput();

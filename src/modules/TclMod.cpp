@@ -20,12 +20,27 @@ PyObject* cross(TclEvent* request) {
     return event_mgr->spin(request);
 }
 
-bool output(bool to_stderr, const char* text, std::size_t length) {
+bool raisedWriteFailure(bool to_stderr) {
+    event::OutputQueue::Failure failure;
+    if (!event_mgr->output.failed(to_stderr) ||
+        !event_mgr->output.takeFailure(to_stderr, &failure))
+        return false;
+    const char* message = failure.message.c_str();
+    SmartPyObj error(failure.number ? PyObject_CallFunction(PyExc_OSError, "is",
+                                                            failure.number, message)
+                                    : PyObject_CallFunction(PyExc_OSError, "s", message));
+    if (error) PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
+    return true;
+}
+
+bool output(bool to_stderr, const char* text, std::size_t length, bool report) {
     if (python_thread.forked.load()) {
         forked::write(to_stderr, text, length);
         return true;
     }
     if (!python_alive->load()) return true; // shutting down: Tcl takes no more
+    // A buffered file reports a failed write of queued text so.
+    if (report && raisedWriteFailure(to_stderr)) return false;
     switch (event_mgr->output.append(to_stderr, text, length)) {
     case event::OutputQueue::Appended::first:
     case event::OutputQueue::Appended::filled:
@@ -42,7 +57,7 @@ bool output(bool to_stderr, const char* text, std::size_t length) {
     request.output = text;
     request.to_stderr = to_stderr;
     SmartPyObj result(cross(&request));
-    return static_cast<bool>(result);
+    return result && !(report && raisedWriteFailure(to_stderr));
 }
 
 namespace {
@@ -60,7 +75,8 @@ PyObject* write(PyObject* args, bool to_stderr) {
         if (!PyArg_ParseTuple(args, "s", &text)) return nullptr;
         length = static_cast<Py_ssize_t>(std::strlen(text));
     }
-    if (!output(to_stderr, text, static_cast<std::size_t>(length))) return nullptr;
+    // Never raises for a failed write: what TclMod promises. Streams do.
+    if (!output(to_stderr, text, static_cast<std::size_t>(length), false)) return nullptr;
     Py_RETURN_NONE;
 }
 

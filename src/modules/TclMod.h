@@ -13,9 +13,15 @@ namespace pytarn::python_api {
 // comes out first, so that flush() (which calls Tcl) works there too.
 PyObject* cross(event::TclEvent* request);
 
-// Writes `length` bytes of UTF-8 text to Tcl's stdout or stderr channel, in
-// order with everything else this thread asks of Tcl; mostly without waiting
-// (see event/OutputQueue.h). False with a Python error set when it failed.
-bool output(bool to_stderr, const char* text, std::size_t length);
+// Writes `length` bytes of UTF-8 text (NUL-terminated there) to Tcl's stdout
+// or stderr channel, in order with everything else this thread asks of Tcl;
+// mostly without waiting (see event/OutputQueue.h). False with a Python error
+// set when it failed; with `report`, a write to the channel that failed
+// since its last write or flush fails this one (see raisedWriteFailure).
+bool output(bool to_stderr, const char* text, std::size_t length, bool report);
+
+// Raises the channel's failed write as OSError (BrokenPipeError and so on by
+// its errno) and returns true; false, with nothing raised, when none waits.
+bool raisedWriteFailure(bool to_stderr);
 
 } // namespace pytarn::python_api
