@@ -90,8 +90,10 @@ def samples(data, name):
         return None
     values = array.array("q")
     with open(path, "rb") as file:
-        values.frombytes(file.read())
-    return sorted(values)
+        content = file.read()
+    # Whole samples only: the file of a step stopped at its bound may end mid-way.
+    values.frombytes(content[:len(content) - len(content) % values.itemsize])
+    return sorted(values) or None
 
 
 def stats(ordered):
@@ -128,8 +130,11 @@ def core_bench(data, name="core_bench"):
     path = os.path.join(data, name + ".json")
     if not os.path.exists(path):
         return {}
-    with open(path) as file:
-        report = json.load(file)
+    try:
+        with open(path) as file:
+            report = json.load(file)
+    except ValueError:  # cut short: its step overran its bound
+        return {}
     scale = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
     # Of repeated benchmarks only the median counts.
     return {b["name"].split("/")[0]: b["real_time"] * scale[b["time_unit"]]
