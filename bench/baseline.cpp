@@ -1,13 +1,14 @@
 // The benchmark suite's in-thread baselines and timers, as a Tcl extension that
 // bench scripts load into pytarnsh (`load libbaseline.so Baseline`).
 //
-// ::baseline::eval/exec/get/set do what the ::python:: commands do, but on the
-// calling Tcl thread with the interpreter lock held, so that their cost is the
-// bridge's minus the thread hand-off. The Python module `benchtools` offers the
-// same for the other direction (tcl_eval/tcl_get/tcl_set, Tcl thread only) and
-// a per-call timer for Python callables. ::bench::time and ::bench::cpu are the
-// Tcl-side timer and the process's CPU clock; they need no Python, so a plain
-// tclsh can load the extension for them.
+// ::baseline::eval/exec/get/set/call do what the ::python:: commands and
+// ::pytarn::call do, but on the calling Tcl thread with the interpreter lock
+// held, so that their cost is the bridge's minus the thread hand-off. The
+// Python module `benchtools` offers the same for the other direction
+// (tcl_eval/call/get/set, Tcl thread only) and a per-call timer for Python
+// callables. ::bench::time and ::bench::cpu are the Tcl-side timer and the
+// process's CPU clock; they need no Python, so a plain tclsh can load the
+// extension for them.
 //
 // The bridge's converters are compiled into libpytarn with hidden visibility,
 // and linking a second copy here would duplicate the bridge's globals; the
@@ -375,6 +376,32 @@ PyObject* tclGet(PyObject*, PyObject* args) {
     return value ? fromTcl(value, 1) : tclFailure();
 }
 
+// tcl_call(word, ...): the words converted to Tcl and run as one command,
+// without parsing, as tcl.call does.
+PyObject* tclCall(PyObject*, PyObject* args) {
+    if (!onTclThread()) return nullptr;
+    const Py_ssize_t count = PyTuple_GET_SIZE(args);
+    std::vector<Tcl_Obj*> words;
+    words.reserve(static_cast<size_t>(count));
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        Tcl_Obj* word = toTcl(PyTuple_GET_ITEM(args, i), 1);
+        if (!word) break;
+        Tcl_IncrRefCount(word);
+        words.push_back(word);
+    }
+    PyObject* result = nullptr;
+    if (words.size() == static_cast<size_t>(count)) {
+        if (Tcl_EvalObjv(host_interp, static_cast<int>(count), words.data(),
+                         TCL_EVAL_GLOBAL) == TCL_OK) {
+            result = fromTcl(Tcl_GetObjResult(host_interp), 1);
+        } else {
+            tclFailure();
+        }
+    }
+    for (Tcl_Obj* word : words) Tcl_DecrRefCount(word);
+    return result;
+}
+
 PyObject* tclSet(PyObject*, PyObject* args) {
     const char* name = nullptr;
     PyObject* value = nullptr;
@@ -387,30 +414,74 @@ PyObject* tclSet(PyObject*, PyObject* args) {
     Py_RETURN_NONE;
 }
 
-// A Tcl command calling a Python callable on the Tcl thread: the same-thread
-// form of the bridge's Python-backed commands. Its words convert as the
-// bridge converts them, its result likewise.
-int callableCmd(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
-    PyGILState_STATE gil = PyGILState_Ensure();
+// Calls FUNCTION with the words, converted as the bridge converts them, and
+// sets the Tcl result from its result likewise. The caller holds the GIL.
+int callWithWords(Tcl_Interp* interp, PyObject* function, int objc, Tcl_Obj* const objv[]) {
     constexpr int most = 8;
     PyObject* arguments[most];
     int count = 0;
     int status = TCL_OK;
-    if (objc - 1 > most) {
+    if (objc > most) {
         PyErr_SetString(PyExc_TypeError, "too many words for the baseline");
     } else {
-        for (; count < objc - 1; ++count) {
-            arguments[count] = fromTcl(objv[count + 1], 1);
+        for (; count < objc; ++count) {
+            arguments[count] = fromTcl(objv[count], 1);
             if (!arguments[count]) break;
         }
     }
-    if (count == objc - 1) {
-        status = finish(interp, PyObject_Vectorcall(static_cast<PyObject*>(data), arguments,
+    if (count == objc) {
+        status = finish(interp, PyObject_Vectorcall(function, arguments,
                                                     static_cast<size_t>(count), nullptr));
     } else {
         status = pythonErrorToTcl(interp);
     }
     for (int i = 0; i < count; ++i) Py_DECREF(arguments[i]);
+    return status;
+}
+
+// A Tcl command calling a Python callable on the Tcl thread: the same-thread
+// form of the bridge's Python-backed commands.
+int callableCmd(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    PyGILState_STATE gil = PyGILState_Ensure();
+    int status = callWithWords(interp, static_cast<PyObject*>(data), objc - 1, objv + 1);
+    PyGILState_Release(gil);
+    return status;
+}
+
+// The callable a dotted path names: its first name from __main__ or the
+// built-ins, the rest attributes. New reference, or null with an error set.
+PyObject* lookUpPath(const char* path) {
+    const char* dot = std::strchr(path, '.');
+    std::string first(path, dot ? static_cast<size_t>(dot - path) : std::strlen(path));
+    PyObject* found = PyDict_GetItemString(main_dict, first.c_str());
+    if (!found) found = PyDict_GetItemString(PyEval_GetBuiltins(), first.c_str());
+    if (!found) {
+        PyErr_Format(PyExc_NameError, "name '%s' is not defined", first.c_str());
+        return nullptr;
+    }
+    PyObject* target = Py_NewRef(found);
+    while (target && dot) {
+        const char* next = std::strchr(dot + 1, '.');
+        std::string name(dot + 1, next ? static_cast<size_t>(next - dot - 1)
+                                       : std::strlen(dot + 1));
+        Py_SETREF(target, PyObject_GetAttrString(target, name.c_str()));
+        dot = next;
+    }
+    return target;
+}
+
+// ::baseline::call PATH ?WORD ...?: what ::pytarn::call does, on the calling
+// thread: the path looked up each call, the words converted, the call made.
+int callCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
+    if (objc < 2) {
+        Tcl_WrongNumArgs(interp, 1, objv, "callable ?arg ...?");
+        return TCL_ERROR;
+    }
+    PyGILState_STATE gil = PyGILState_Ensure();
+    PyObject* target = lookUpPath(Tcl_GetString(objv[1]));
+    int status = target ? callWithWords(interp, target, objc - 2, objv + 2)
+                        : pythonErrorToTcl(interp);
+    Py_XDECREF(target);
     PyGILState_Release(gil);
     return status;
 }
@@ -435,6 +506,7 @@ PyMethodDef benchtools_methods[] = {
      "a Tcl command calling fn on the Tcl thread (Tcl thread only)"},
     {"time_calls", timeCalls, METH_VARARGS, "time_calls(fn, args, count, samples=None)"},
     {"tcl_eval", tclEval, METH_VARARGS, "Tcl_EvalEx on the Tcl thread"},
+    {"tcl_call", tclCall, METH_VARARGS, "Tcl_EvalObjv of the words on the Tcl thread"},
     {"tcl_get", tclGet, METH_VARARGS, "a global Tcl variable, read on the Tcl thread"},
     {"tcl_set", tclSet, METH_VARARGS, "a global Tcl variable, set on the Tcl thread"},
     {nullptr, nullptr, 0, nullptr},
@@ -475,6 +547,7 @@ extern "C" int Baseline_Init(Tcl_Interp* interp) {
         Tcl_CreateCommand(interp, "::baseline::exec", execCmd, nullptr, nullptr);
         Tcl_CreateCommand(interp, "::baseline::get", getCmd, nullptr, nullptr);
         Tcl_CreateObjCommand(interp, "::baseline::set", setCmd, nullptr, nullptr);
+        Tcl_CreateObjCommand(interp, "::baseline::call", callCmd, nullptr, nullptr);
     }
     return Tcl_PkgProvide(interp, "baseline", "1.0");
 }

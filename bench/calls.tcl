@@ -1,6 +1,6 @@
 # Calls across the bridge, each beside the same work done on the calling thread
 # (the baseline extension): mean cost each way, the latency distribution of
-# 1,000,000 round trips each way, nesting, and four Python threads at once.
+# 1,000,000 round trips each way, nesting, and 4 and 64 Python threads at once.
 # Means and samples are in nanoseconds.
 source [file join [file dirname [info script]] lib.tcl]
 
@@ -22,6 +22,7 @@ foreach {key bridge baseline} {
 # baseline runs the same Python on the Tcl thread, calling Tcl directly.
 foreach {key arguments} {
     eval {('set x 1',)}
+    call {('set', 'x', 1)}
     get  {('x',)}
     set  {('x', 1)}
 } {
@@ -33,7 +34,8 @@ foreach {key arguments} {
 # Calls with words instead of source text. A command made from Python,
 # called from Tcl with two small arguments, beside the same callable behind a
 # Tcl_CreateObjCommand on the Tcl thread; tcl.call beside tcl.eval of the
-# same command; ::pytarn::call beside ::python::eval of the same call.
+# same command; ::pytarn::call beside ::python::eval of the same call and
+# beside the same call made on the Tcl thread (::baseline::call).
 ::python::exec {
 def add(a, b):
     return a + b
@@ -52,6 +54,8 @@ compare calls.call 3 $calls \
     {::python::eval {benchtools.time_calls(tcl.eval, ('set x 1',), %N)}}
 compare calls.pytarn 3 $calls \
     {bench::time %N {::pytarn::call add 1 2}} {bench::time %N {::python::eval {add(1, 2)}}}
+compare calls.pytarn.thread 3 $calls \
+    {bench::time %N {::pytarn::call add 1 2}} {bench::time %N {::baseline::call add 1 2}}
 
 # Each call timed alone.
 set trips [scaled 1000000]
@@ -100,6 +104,11 @@ def calls_per_second(threads, total):
         worker.join()
     return threads * each / (time.perf_counter() - start)
 }
+# 64 threads have no goal: they show whether the hand-off collapses when
+# far more threads wait than there are cores.
 compare threads 3 [scaled 40000] \
     {::python::eval {calls_per_second(4, %N)}} \
+    {::python::eval {calls_per_second(1, %N)}}
+compare threads.64 3 [scaled 40000] \
+    {::python::eval {calls_per_second(64, %N)}} \
     {::python::eval {calls_per_second(1, %N)}}

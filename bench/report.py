@@ -41,7 +41,8 @@ BASELINES = {
          "PyRun_String of the same text, result through str(); get evaluates the "
          "expression, set stores the converted value under the name",
     "2": "the same Python loop run on the Tcl thread, calling benchtools.tcl_* that do "
-         "Tcl_EvalEx / Tcl_GetVar2Ex / Tcl_SetVar2Ex there and convert the result",
+         "Tcl_EvalEx / Tcl_EvalObjv / Tcl_GetVar2Ex / Tcl_SetVar2Ex there and convert "
+         "the result",
     "3": "as many calls made on the calling thread as in 1 and 2; each call is timed "
          "alone in C (steady_clock), on the Tcl side around Tcl_EvalObjEx of the "
          "compiled command, on the Python side around PyObject_Call of the bound function",
@@ -52,15 +53,16 @@ BASELINES = {
     "6": "the same 200-level recursion with ::baseline::eval and benchtools.tcl_eval, "
          "all on the Tcl thread",
     "7": "one Python thread making the same number of calls through the bridge "
-         "(ratio above 1: the threads together are faster)",
+         "(ratio above 1: the threads together are faster), measured beside each figure",
     "8": "idle: a plain tclsh8.6 in its event loop; waiting: the same time.sleep(2) "
          "run on the calling thread",
     "9": "resident size after the first 100,000 calls of bench/memory.tcl",
     "A": "commands: the same Python function behind a Tcl_CreateObjCommand on the Tcl "
-          "thread, called holding the GIL (benchtools.createcommand); tcl.call: "
-          "tcl.eval('set x 1') through the bridge; ::pytarn::call: ::python::eval "
-          "{add(1, 2)} through the bridge; create/delete: resident size after the first "
-          "100,000 cycles",
+          "thread, called holding the GIL (benchtools.createcommand); ::pytarn::call: "
+          "the same lookup and call on the Tcl thread (::baseline::call), and "
+          "::python::eval {add(1, 2)} through the bridge; tcl.call: tcl.eval('set x 1') "
+          "through the bridge; create/delete: resident size after the first 100,000 "
+          "cycles",
     "C": "core_bench (Google Benchmark, pytarn_core linked statically): the bridge's "
          "function beside a direct C version producing the same values; the Notifier "
          "beside a plain hand-off (a condition variable per direction, notify_one "
@@ -88,8 +90,10 @@ def samples(data, name):
         return None
     values = array.array("q")
     with open(path, "rb") as file:
-        values.frombytes(file.read())
-    return sorted(values)
+        content = file.read()
+    # Whole samples only: the file of a step stopped at its bound may end mid-way.
+    values.frombytes(content[:len(content) - len(content) % values.itemsize])
+    return sorted(values) or None
 
 
 def stats(ordered):
@@ -126,15 +130,23 @@ def core_bench(data, name="core_bench"):
     path = os.path.join(data, name + ".json")
     if not os.path.exists(path):
         return {}
-    with open(path) as file:
-        report = json.load(file)
+    try:
+        with open(path) as file:
+            report = json.load(file)
+    except ValueError:  # cut short: its step overran its bound
+        return {}
     scale = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
+    # Of repeated benchmarks only the median counts.
     return {b["name"].split("/")[0]: b["real_time"] * scale[b["time_unit"]]
-            for b in report.get("benchmarks", []) if "real_time" in b}
+            for b in report.get("benchmarks", [])
+            if "real_time" in b and b.get("aggregate_name", "median") == "median"}
 
 
-def build_rows(raw, latency, memory, cpp, data):
+def build_rows(raw, latency, memory, cpp, data, line):
+    """LINE: one cache line's round trip in us, the smaller of the figures taken just
+    before and after the calls (None without core_bench)."""
     rows = []
+    busy = "busy.processes" in raw
     us = lambda key: raw[key] / 1000.0 if key in raw else None
     ms = lambda key: raw[key] / 1e6 if key in raw else None
 
@@ -145,13 +157,48 @@ def build_rows(raw, latency, memory, cpp, data):
             met = value / base <= limit
         rows.append(Row(item, label, unit, value, base, goal, met))
 
-    pair("1", "::python::eval 1", "us/call", "tcl2py.eval", us, "<= 1.2x", 1.2)
+    crossings = []
+
+    def crossing(item, label, key):
+        """A crossing's goal: on a quiet machine its same-thread baseline plus two
+        cache-line round trips; beside the spinners, 3x the baseline."""
+        if busy:
+            pair(item, label, "us/call", key, us, "<= 3x", 3.0)
+            return
+        pair(item, label, "us/call", key, us)
+        row = rows[-1]
+        if row.value is None or row.baseline is None:
+            return
+        row.goal = "<= base + 2 lines"
+        crossings.append(row)
+
+    def judge_crossings():
+        """Any crossing moves at least one line there and back, so a line dearer than
+        the cheapest whole crossing was measured while a partner had lost its core:
+        against it no goal is judged."""
+        overheads = [row.value - row.baseline for row in crossings]
+        trusted = line and crossings and line <= min(row.value for row in crossings)
+        for row, overhead in zip(crossings, overheads):
+            if not line:
+                row.note = f"overhead {overhead:.2f} us; no cache-line figure"
+            elif not trusted:
+                row.note = f"overhead {overhead:.2f} us; line figure too high to judge"
+            else:
+                row.met = overhead <= 2 * line
+                row.note = (f"overhead {overhead / line:.1f} lines, "
+                            f"limit {row.baseline + 2 * line:.2f} us")
+
+    if busy:
+        pair("1", "::python::eval 1", "us/call", "tcl2py.eval", us, "<= 1.5x", 1.5)
+    else:
+        pair("1", "::python::eval 1", "us/call", "tcl2py.eval", us, "<= 1.2x", 1.2)
     pair("1", "::python::exec {x = 1}", "us/call", "tcl2py.exec", us)
-    pair("1", "::python::get x", "us/call", "tcl2py.get", us)
-    pair("1", "::python::set x 1", "us/call", "tcl2py.set", us)
-    pair("2", "tcl.eval('set x 1')", "us/call", "py2tcl.eval", us, "<= 2x", 2.0)
-    pair("2", "tcl.get('x')", "us/call", "py2tcl.get", us)
-    pair("2", "tcl.set('x', 1)", "us/call", "py2tcl.set", us)
+    crossing("1", "::python::get x", "tcl2py.get")
+    crossing("1", "::python::set x 1", "tcl2py.set")
+    crossing("2", "tcl.eval('set x 1')", "py2tcl.eval")
+    crossing("2", "tcl.call('set', 'x', 1)", "py2tcl.call")
+    crossing("2", "tcl.get('x')", "py2tcl.get")
+    crossing("2", "tcl.set('x', 1)", "py2tcl.set")
 
     calls = int(raw.get("latency.calls", 0))
     for direction, label in (("tcl2py", "::python::eval 1"), ("py2tcl", "tcl.eval('set x 1')")):
@@ -159,13 +206,15 @@ def build_rows(raw, latency, memory, cpp, data):
         if not bridge or not base:
             continue
         for stat in ("median", "p99", "p99.9", "max"):
-            goal, met = "", None
-            if stat == "p99":
+            goal, met, note = "", None, f"{calls:,} calls" if stat == "median" else ""
+            if busy and stat in ("p99", "max"):
+                note = "its goal is for a quiet machine"
+            elif stat == "p99":
                 goal, met = "< 50 us", bridge[stat] < 50
             elif stat == "max":
                 goal, met = "< 20 ms", bridge[stat] < 20000
             rows.append(Row("3", f"{label} latency {stat}", "us", bridge[stat], base[stat],
-                            goal, met, f"{calls:,} calls" if stat == "median" else ""))
+                            goal, met, note))
 
     lines = int(raw.get("print.lines", 0))
     bridge_lines = count_lines(os.path.join(data, "print.bridge.out"))
@@ -189,7 +238,11 @@ def build_rows(raw, latency, memory, cpp, data):
                         ("dict", f"dict of {int(raw.get('convert.dict.size', 0)):,} entries"),
                         ("text", f"{raw.get('convert.text.bytes', 0) / 1048576:.3g} MiB string")):
         for direction, arrow in (("tcl2py", "Tcl->Python"), ("py2tcl", "Python->Tcl")):
-            pair("5", f"{label} {arrow}", "ms", f"convert.{kind}.{direction}", ms)
+            if kind != "list" and direction == "tcl2py":
+                pair("5", f"{label} {arrow}", "ms", f"convert.{kind}.{direction}", ms,
+                     "<= 1.2x", 1.2)
+            else:
+                pair("5", f"{label} {arrow}", "ms", f"convert.{kind}.{direction}", ms)
             rows[-1].note = "baseline: same conversion in-thread"
 
     depth = int(raw.get("nest.depth", 0))
@@ -197,7 +250,11 @@ def build_rows(raw, latency, memory, cpp, data):
 
     value, base = raw.get("threads.bridge"), raw.get("threads.baseline")
     rows.append(Row("7", "4 Python threads calling tcl.eval, total", "calls/s", value, base,
-                    note="baseline: 1 thread"))
+                    ">= 1.0x", value / base >= 1.0 if value and base else None,
+                    "baseline: 1 thread"))
+    value, base = raw.get("threads.64.bridge"), raw.get("threads.64.baseline")
+    rows.append(Row("7", "64 Python threads calling tcl.eval, total", "calls/s", value, base,
+                    note="baseline: 1 thread; no goal, nothing may collapse"))
 
     for key, label, base_key in (("idle.bridge", "CPU while idle 2 s in the event loop",
                                   "idle.host"),
@@ -215,12 +272,14 @@ def build_rows(raw, latency, memory, cpp, data):
                         float(last_kib), float(first_kib), "growth < 1 MB", growth < 1024,
                         f"growth {growth:+,} KiB after {first_calls:,}"))
 
-    pair("A", "command from tcl.createcommand, 2 args", "us/call", "created.command", us,
-         "<= 1.0x", 1.0)
-    pair("A", "command from ::pytarn::createFunction, 2 args", "us/call", "created.function",
-         us, "<= 1.0x", 1.0)
+    crossing("A", "command from tcl.createcommand, 2 args", "created.command")
+    crossing("A", "command from ::pytarn::createFunction, 2 args", "created.function")
+    crossing("A", "::pytarn::call add 1 2", "calls.pytarn.thread")
+    judge_crossings()
     pair("A", "tcl.call('set', 'x', 1)", "us/call", "calls.call", us, "<= 1.2x", 1.2)
+    rows[-1].note = "baseline: tcl.eval('set x 1')"
     pair("A", "::pytarn::call add 1 2", "us/call", "calls.pytarn", us, "<= 1.2x", 1.2)
+    rows[-1].note = "baseline: ::python::eval {add(1, 2)}"
     if "lifetime.last.kib" in raw and "lifetime.first.kib" in raw:
         first, last = raw["lifetime.first.kib"], raw["lifetime.last.kib"]
         growth = int(last - first)
@@ -346,23 +405,37 @@ def main():
             latency[name + ".samples"] = ordered
     memory = memory_rows(data)
     cpp = core_bench(data)
-    rows = build_rows(raw, latency, memory, cpp, data)
+    floors = [core_bench(data, "floor." + when).get("BM_line_round_trip")
+              for when in ("before", "after")]
+    # The smaller: a figure inflated by a partner that lost its core must not
+    # loosen the goals.
+    known = [floor for floor in floors if floor is not None]
+    line = min(known) if known else None
+    rows = build_rows(raw, latency, memory, cpp, data, line)
     calls = int(raw.get("latency.calls", 0))
     problem = draw(latency, os.path.join(bench, "latency.png"), calls)
 
     elapsed = time.time() - start
     load_start = raw.get("load.start")
     load_end = load_average()
+    busy = int(raw.get("busy.processes", 0))
     header = (f"pytarn benchmark suite: {os.cpu_count()} cores, load average "
               f"{load_start} at start and {load_end} at end, {elapsed:.0f} s in all")
-    floors = [core_bench(data, "floor." + when).get("BM_line_round_trip")
-              for when in ("before", "after")]
+    if busy:
+        header += (f"\nbusy: {busy} spinning processes (one per core) ran beside every "
+                   "step; goals are ratios to baselines measured under the same load")
     if None not in floors:
         header += ("\none cache line there and back between the two cores: "
                    f"{floors[0]:.2f} us just before items 1-3, {floors[1]:.2f} us just after")
+        if not busy:
+            header += f" (goals use {line:.2f} us)"
     text = table(rows, header)
     if problem:
         text += "\n\n" + problem
+    failures = {k[len("failed."):]: v for k, v in raw.items() if k.startswith("failed.")}
+    if failures:
+        text += "\n\nSteps that did not finish (their rows are missing or partial): " + \
+            "; ".join(f"{name}: {why}" for name, why in failures.items())
     # The load at the end counts the suite's own busy threads; only the start tells
     # whether something else was running.
     if load_start is not None and load_start > 1.0:
@@ -372,10 +445,13 @@ def main():
 
     results = {
         "generated": time.strftime("%Y-%m-%dT%H:%M:%S%z"),
+        "mode": "busy" if busy else "quiet",
+        "busy_processes": busy,
+        "failed_steps": failures,
         "machine": {"cores": os.cpu_count(), "load_average_start": load_start,
                     "load_average_end": load_end, "kernel": platform.release(),
                     "line_round_trip_us": {"before_calls": floors[0],
-                                           "after_calls": floors[1]}},
+                                           "after_calls": floors[1], "used": line}},
         "elapsed_seconds": round(elapsed, 1),
         "rows": [asdict(row) for row in rows],
         "baselines": BASELINES,
