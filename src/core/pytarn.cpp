@@ -218,6 +218,7 @@ int startBridge(Tcl_Interp* interp) {
 
     Tcl_CreateExitHandler(remove, nullptr);
     pthread_atfork(nullptr, nullptr, afterForkInChild);
+    python_thread.end_forked_child = exit_work::endForkedChild;
     tcl_interp = interp;
     Tcl_CallWhenDeleted(interp, interpDeleted, nullptr);
     main_tcl_thread = Tcl_GetCurrentThread();
