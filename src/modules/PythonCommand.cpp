@@ -317,11 +317,15 @@ bool readsCallerFrame(PyObject* callable) {
 // for None, the arguments for the empty tuple. A new reference, or null
 // with an error set.
 PyObject* callAtTopLevel(PyObject* callable, PyObject* const* arguments, int count) {
-    // Kept for the life of the process, as the other cached objects.
-    static PyObject* const shape =
-        Py_CompileString("[None][0](*())", "<string>", Py_eval_input);
+    // Kept for the life of the process, as the other cached objects. The
+    // interpreter lock guards it, not a static guard: compiling may run
+    // Python code that lets another thread in here meanwhile.
+    static PyObject* shape = nullptr;
+    if (!shape) shape = Py_CompileString("[None][0](*())", "<string>", Py_eval_input);
     if (!shape) return nullptr;
     SmartPyObj constants(PyObject_GetAttrString(shape, "co_consts"));
+    if (constants && PyTuple_GET_SIZE(constants.get()) != 3) // another compiler's shape
+        return PyObject_Vectorcall(callable, arguments, static_cast<std::size_t>(count), nullptr);
     SmartPyObj words(PyTuple_New(count));
     if (!constants || !words) return nullptr;
     for (int i = 0; i < count; ++i) PyTuple_SET_ITEM(words.get(), i, Py_NewRef(arguments[i]));
