@@ -31,6 +31,10 @@ namespace exit_work {
 // Python's atexit handlers and flushes Python's open files, carrying out
 // their Tcl requests meanwhile, within a bound.
 void run();
+// A forked child's thread, lock held, when the request it was forked in has
+// run (its error, if any, still set): ends the process as python3 would end
+// it, with its exit code, exit work and output. Never returns.
+[[noreturn]] void endForkedChild();
 } // namespace exit_work
 
 } // namespace pytarn

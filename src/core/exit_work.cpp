@@ -9,6 +9,7 @@
 #include "convert/PyErrors.h"
 
 #include <chrono>
+#include <unistd.h>
 
 namespace pytarn::exit_work {
 
@@ -77,7 +78,46 @@ PyObject* work() {
     Py_RETURN_NONE;
 }
 
+// Flushes sys.`name` when it is there; errors are reported.
+void flushStream(const char* name) {
+    PyObject* stream = PySys_GetObject(name); // borrowed
+    if (stream && stream != Py_None) {
+        SmartPyObj done(PyObject_CallMethod(stream, "flush", nullptr));
+        reportIgnored(stream);
+    }
+    PyErr_Clear();
+}
+
 } // namespace
+
+void endForkedChild() {
+    int code = 0;
+    if (PyErr_ExceptionMatches(PyExc_SystemExit)) {
+        PyObject* type = nullptr;
+        PyObject* value = nullptr;
+        PyObject* traceback = nullptr;
+        PyErr_Fetch(&type, &value, &traceback);
+        PyErr_NormalizeException(&type, &value, &traceback);
+        SmartPyObj ownedType(type), ownedValue(value), ownedTraceback(traceback);
+        code = systemExitCode(value);
+    } else if (PyErr_Occurred()) {
+        printPythonError();
+        code = 1;
+    }
+    // As python3 finalises: threads the child started, atexit, open files,
+    // then the standard streams, which write straight to the descriptors.
+    SmartPyObj threading(PyImport_ImportModule("threading"));
+    SmartPyObj joined(threading ? PyObject_CallMethod(threading.get(), "_shutdown", nullptr)
+                                : nullptr);
+    PyErr_Clear(); // a thread that forked from a thread threading does not know
+    runAtexitHandlers();
+    flushOpenFiles();
+    flushStream("stdout");
+    flushStream("stderr");
+    // Not exit(): the C and Tcl buffers copied from the host hold the host's
+    // output, which the host writes itself.
+    _exit(code);
+}
 
 void run() {
     if (record || !pythonRunning() || !tcl_interp || Tcl_GetCurrentThread() != main_tcl_thread)

@@ -45,6 +45,9 @@ constexpr std::chrono::seconds idle_wait_bound{5};
 constexpr std::chrono::milliseconds stop_grace{100};
 constexpr std::chrono::milliseconds stop_bound{1000};
 constexpr std::chrono::milliseconds stop_poll{20};
+// How long an exit on another Tcl thread waits for the main one to take up
+// the exit work.
+constexpr std::chrono::seconds other_thread_bound{2};
 
 bool load_called = false; // main Tcl thread only
 
@@ -55,14 +58,49 @@ void afterForkInChild() {
     python_thread.alive.store(false);
 }
 
+// Main Tcl thread: what Python printed and Tcl has not written yet goes out
+// while the channels are still open, then Python's exit work runs.
+void finishOnMainThread() {
+    event::TclEventQueue::drainOutput();
+    exit_work::run();
+    event::TclEventQueue::drainOutput();
+}
+
+// Another Tcl thread exits the process (`exit` in a thread of the Thread
+// package): the main Tcl thread owns the interpreter and the channels, so it
+// does the exit work, and flushes its channels, which this thread's exit
+// would not. A main thread that stays busy in Tcl code past the bound never
+// takes the request; one that has taken it finishes it within exit work's
+// own bounds.
+void finishFromOtherThread() {
+    event::TclEvent request;
+    request.action = [](Tcl_Interp*, event::TclEvent*) {
+        finishOnMainThread();
+        for (int which : {TCL_STDOUT, TCL_STDERR})
+            if (Tcl_Channel channel = Tcl_GetStdChannel(which)) Tcl_Flush(channel);
+    };
+    event_mgr->tcl_queue.push(&request);
+    const auto taken_by = std::chrono::steady_clock::now() + other_thread_bound;
+    for (;;) {
+        std::uint64_t seen = notifier->generation();
+        // Once `alive` is clear the main thread no longer touches the record.
+        if (request.done.load() || !python_alive->load()) return;
+        if (std::chrono::steady_clock::now() >= taken_by &&
+            event_mgr->tcl_queue.remove(&request))
+            return;
+        notifier->waitChange(seen, stop_poll, [&] { return request.done.load(); });
+    }
+}
+
 void remove(ClientData) {
     withoutExceptions(
         [] {
-            // What Python printed and Tcl has not written yet goes out while
-            // the channels are still open.
-            if (main_tcl_thread == Tcl_GetCurrentThread() && python_alive->load()) {
-                event::TclEventQueue::drainOutput();
-                exit_work::run();
+            if (python_alive->load()) {
+                if (main_tcl_thread == Tcl_GetCurrentThread()) {
+                    finishOnMainThread();
+                } else if (main_tcl_thread) {
+                    finishFromOtherThread();
+                }
             }
             python_thread.stop();
         },
@@ -182,6 +220,7 @@ int startBridge(Tcl_Interp* interp) {
 
     Tcl_CreateExitHandler(remove, nullptr);
     pthread_atfork(nullptr, nullptr, afterForkInChild);
+    python_thread.end_forked_child = exit_work::endForkedChild;
     tcl_interp = interp;
     Tcl_CallWhenDeleted(interp, interpDeleted, nullptr);
     main_tcl_thread = Tcl_GetCurrentThread();

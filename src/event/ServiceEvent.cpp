@@ -134,6 +134,9 @@ void PythonEventQueue::serviceEvent(PyEvent* ev) {
         if (!PyErr_Occurred()) PyErr_CheckSignals();
     }
     calls.end(ev->call);
+    // No Tcl thread lives in a forked child to take the outcome.
+    if (python_thread.forked.load() && python_thread.end_forked_child)
+        python_thread.end_forked_child();
     ev->status = TCL_OK;
     withoutExceptions(
         [&] {

@@ -52,6 +52,9 @@ public:
     // This process is a fork of the host (multiprocessing, os.fork): only the
     // forking thread lives on, and no Tcl thread will ever serve a request.
     std::atomic<bool> forked{false};
+    // Set by the lifecycle: ends a forked child once the request it was
+    // forked in has run, with that request's error still set.
+    void (*end_forked_child)() = nullptr;
     std::atomic<bool> ready{false};
     std::atomic<bool> finished{false};        // run() will run no more Python
     std::atomic<unsigned long> python_ident{0}; // the thread's Python identity

@@ -127,6 +127,22 @@ def _is_site_packages(entry):
 _environments_used = set()
 
 
+def _made_by(prefix):
+    """The Python that made the environment PREFIX, as its pyvenv.cfg names it; None
+    when the file does not say."""
+    try:
+        with open(os.path.join(prefix, 'pyvenv.cfg'), encoding='utf-8') as config:
+            settings = dict(line.split('=', 1) for line in config if '=' in line)
+    except (OSError, ValueError):
+        return None
+    settings = {key.strip(): value.strip() for key, value in settings.items()}
+    if settings.get('executable'):
+        return settings['executable']
+    if settings.get('home'):
+        return os.path.join(settings['home'], 'python%d.%d' % sys.version_info[:2])
+    return None
+
+
 def use_virtual_env(prefix):
     """Puts the packages of the virtual environment PREFIX ahead of the system's: its
     site-packages and what its .pth files add go before the first site-packages on
@@ -140,6 +156,13 @@ def use_virtual_env(prefix):
         sys.stderr.write('pytarn: the virtual environment %s has no %s packages (%s); '
                          'it is not used\n' % (prefix, version, packages))
         return False
+    # Its compiled packages were built for the Python that made it.
+    maker = _made_by(prefix)
+    own = os.path.realpath(sys._base_executable)
+    if maker and os.path.realpath(maker) != own:
+        sys.stderr.write('pytarn: the virtual environment %s was made by %s, not by the '
+                         "bridge's Python; its compiled packages may fail to import (make "
+                         'it with %s -m venv)\n' % (prefix, maker, own))
     import site
     before = set(sys.path)
     site.addsitedir(packages)

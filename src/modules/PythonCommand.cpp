@@ -292,6 +292,56 @@ void PythonCommand::unhold() {
     delete this;
 }
 
+namespace {
+
+// Built-ins that read their caller's frame. Called straight from a request
+// they find none (SystemError), or, in a request nested in Python code's
+// call into Tcl, that code's frame. Only the exact type is looked at first:
+// the call of an ordinary callable pays one comparison.
+bool readsCallerFrame(PyObject* callable) {
+    if (!PyCFunction_CheckExact(callable)) return false;
+    const char* name = reinterpret_cast<PyCFunctionObject*>(callable)->m_ml->ml_name;
+    bool reader = false;
+    for (const char* known : {"eval", "exec", "vars", "locals", "globals", "dir"})
+        reader = reader || std::strcmp(name, known) == 0;
+    if (!reader) return false;
+    PyObject* module = PyCFunction_GET_SELF(callable);
+    PyObject* builtins = PyImport_AddModule("builtins"); // borrowed
+    PyErr_Clear();
+    return module && module == builtins;
+}
+
+// Calls `callable` from a frame of its own whose globals and locals are
+// __main__'s namespace, as code at the top level of __main__ would. The
+// frame runs "[None][0](*())" with its constants replaced: the callable
+// for None, the arguments for the empty tuple. A new reference, or null
+// with an error set.
+PyObject* callAtTopLevel(PyObject* callable, PyObject* const* arguments, int count) {
+    // Kept for the life of the process, as the other cached objects. The
+    // interpreter lock guards it, not a static guard: compiling may run
+    // Python code that lets another thread in here meanwhile.
+    static PyObject* shape = nullptr;
+    if (!shape) shape = Py_CompileString("[None][0](*())", "<string>", Py_eval_input);
+    if (!shape) return nullptr;
+    SmartPyObj constants(PyObject_GetAttrString(shape, "co_consts"));
+    if (constants && PyTuple_GET_SIZE(constants.get()) != 3) // another compiler's shape
+        return PyObject_Vectorcall(callable, arguments, static_cast<std::size_t>(count), nullptr);
+    SmartPyObj words(PyTuple_New(count));
+    if (!constants || !words) return nullptr;
+    for (int i = 0; i < count; ++i) PyTuple_SET_ITEM(words.get(), i, Py_NewRef(arguments[i]));
+    SmartPyObj replaced(
+        PyTuple_Pack(3, callable, PyTuple_GET_ITEM(constants.get(), 1), words.get()));
+    SmartPyObj replace(PyObject_GetAttrString(shape, "replace"));
+    SmartPyObj options(replaced ? Py_BuildValue("{sO}", "co_consts", replaced.get()) : nullptr);
+    SmartPyObj empty(PyTuple_New(0));
+    if (!replace || !options || !empty) return nullptr;
+    SmartPyObj code(PyObject_Call(replace.get(), empty.get(), options.get()));
+    PyObject* namespace_ = python_state.main_dict.get();
+    return code ? PyEval_EvalCode(code.get(), namespace_, namespace_) : nullptr;
+}
+
+} // namespace
+
 CallWords::CallWords(int count, Tcl_Obj* const words[]) : count_(count < 0 ? 0 : count) {
     if (count_ > inline_count) more_.resize(static_cast<std::size_t>(count_));
     words_ = count_ > inline_count ? more_.data() : inline_;
@@ -349,7 +399,9 @@ PyObject* CallWords::callWith(PyObject* callable) const {
         arguments[converted] = value.release();
     }
     PyObject* result = nullptr;
-    if (converted == count_)
+    if (converted == count_ && readsCallerFrame(callable))
+        result = callAtTopLevel(callable, arguments, count_);
+    else if (converted == count_)
         result = PyObject_Vectorcall(callable, arguments, static_cast<std::size_t>(count_), nullptr);
     for (int i = 0; i < converted; ++i) Py_DECREF(arguments[i]);
     return result;
