@@ -100,7 +100,18 @@ TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
     PyEvent ev([] { return py("None").release(); });
     ev.call = calls.enter();
     PythonEventQueue::serviceEvent(&ev);
-    EXPECT_TRUE(calls.markInnermost() && calls.takeMark().kind != RunningCalls::Target::running);
+    EXPECT_FALSE(calls.markInnermost());
+    EXPECT_NE(calls.takeMark().kind, RunningCalls::Target::running);
+    calls.leave();
+}
+
+// One asked for while the request runs fails it even when it ends before the delivery.
+TEST(PyEventService, AnInterruptNotYetDeliveredEndsItsOwnRequest) {
+    RunningCalls& calls = pytarn::event_mgr->calls;
+    PyEvent ev([&calls] { return calls.markInnermost() ? py("None").release() : nullptr; });
+    ev.call = calls.enter();
+    PythonEventQueue::serviceEvent(&ev);
+    EXPECT_EQ(ev.error_type, "KeyboardInterrupt");
     calls.leave();
 }
 
