@@ -105,16 +105,6 @@ TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
     calls.leave();
 }
 
-// One asked for while the request runs fails it even when it ends before the delivery.
-TEST(PyEventService, AnInterruptNotYetDeliveredEndsItsOwnRequest) {
-    RunningCalls& calls = pytarn::event_mgr->calls;
-    PyEvent ev([&calls] { return calls.markInnermost() ? py("None").release() : nullptr; });
-    ev.call = calls.enter();
-    PythonEventQueue::serviceEvent(&ev);
-    EXPECT_EQ(ev.error_type, "KeyboardInterrupt");
-    calls.leave();
-}
-
 // The exit's bounded wait tells a finished request from one that it must interrupt.
 TEST(TclEventQueue, ABoundedWaitSaysWhetherTheRequestIsDone) {
     PyEvent finished(nullptr), running(nullptr);
