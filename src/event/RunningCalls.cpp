@@ -41,8 +41,9 @@ bool RunningCalls::end(std::uint64_t number) {
     // Ended first, then the mark looked at; markInnermost stores the mark,
     // then looks whether the call has ended: one of the two sees the other.
     runner.ended.store(number);
+    // A load first: the common case writes no line that others read.
     std::uint64_t marked = number;
-    return requested_.compare_exchange_strong(marked, 0);
+    return requested_.load() == number && requested_.compare_exchange_strong(marked, 0);
 }
 
 bool RunningCalls::markInnermost() {
