@@ -126,13 +126,18 @@ void run() {
     event::EventMgr& events = *event_mgr;
     // Counted as a call of the Tcl thread, so that an interrupt reaches it.
     record->call = events.calls.enter();
-    events.python_queue.push(record);
+    // On the thread of the request that the exit came from, if any.
+    event::PythonEventQueue& inbox = events.inbox();
+    if (!inbox.push(record)) {
+        events.calls.leave();
+        return;
+    }
     using Clock = std::chrono::steady_clock;
     bool done = events.tcl_queue.waitFor(record, Clock::now() + work_bound);
     if (!done && interrupts::request())
         done = events.tcl_queue.waitFor(record, Clock::now() + interrupted_bound);
     // Not begun (every Python thread busy): it must not begin later.
-    if (!done) events.python_queue.remove(record);
+    if (!done) inbox.remove(record);
     events.calls.leave();
 }
 

@@ -98,6 +98,8 @@ void remove(ClientData) {
             if (python_alive->load()) {
                 if (main_tcl_thread == Tcl_GetCurrentThread()) {
                     finishOnMainThread();
+                    // An exit from inside requests: this thread never returns to them.
+                    event_mgr->releaseCarried();
                 } else if (main_tcl_thread) {
                     finishFromOtherThread();
                 }
@@ -146,6 +148,7 @@ void registerCommands() {
 
 void PythonThread::run() {
     python_ident.store(PyThread_get_thread_ident());
+    event_mgr.python_queue.useAsOwn();
     // An exception here (start-up allocates) is a failed start, not the end
     // of the host's process.
     if (withoutExceptions([] { return init(); }, [](bool) { return 1; }) != 0) {
@@ -168,7 +171,12 @@ void PythonThread::run() {
                 state = PyEval_SaveThread();
                 continue;
             }
-            if (!alive.load()) break;
+            if (!alive.load()) {
+                // Closed, the inbox takes nothing more, and what came before is done.
+                event_mgr.python_queue.close();
+                if (!event_mgr.python_queue.empty()) continue;
+                break;
+            }
             notifier.waitChange(seen, idle_wait_bound);
         }
         // Ends holding the lock: nothing may run Python after the bridge stops.

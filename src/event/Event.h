@@ -5,13 +5,27 @@
 //   queues PyEvent requests and carries out TclEvent requests: inside its own
 //   waits (`load`, EventMgr::spin) and, when idle, from the one Tcl event that
 //   tcl_c_api::addEvent posts to its event loop.
-// - Python threads (the bridge's own thread and any thread Python code
-//   starts) queue TclEvent requests and carry out PyEvent requests while they
-//   hold the Python interpreter lock; they never hold it while they wait.
+// - Python threads (the bridge's own thread, which is Python's main thread,
+//   and any thread Python code starts) queue TclEvent requests and carry out
+//   PyEvent requests while they hold the Python interpreter lock; they never
+//   hold it while they wait.
+// - Routing: every Python thread that calls Tcl has an inbox, a queue of
+//   PyEvents that only it carries out (the bridge's own thread has the default
+//   inbox, EventMgr::python_queue). A TclEvent names its requester's inbox.
+//   While the Tcl thread carries out a TclEvent (EventMgr::carrying), every
+//   request it makes, at any depth of Tcl below (update, vwait, their
+//   handlers), goes to that inbox; every other request goes to the default
+//   one. So a nested request runs on the thread whose call it is nested in,
+//   which is blocked in that call: a lock it holds is held by the same thread.
 // - A request record lives in its requester's stack frame. The servicing
 //   thread writes the outcome, then stores `done`, then notifies; after the
 //   store it never touches the record again. A queue holds bare pointers and
-//   owns nothing.
+//   owns nothing. A TclEvent still queued may be taken back by its requester
+//   (shutdown, a deleted interpreter); once the Tcl thread has taken it, it
+//   completes it, and the requester waits for that, so an inbox never loses
+//   its thread while a request may still be routed to it. The one exception
+//   is an exit from inside a request: the exiting Tcl thread never comes back
+//   to the records it carries, so it finishes them first (releaseCarried).
 // - Python's output does not wait: it is queued in EventMgr::output, and the
 //   Tcl thread writes it before anything else it does for Python (see
 //   OutputQueue.h). Only a writer that finds the queue full sends a request.
@@ -49,6 +63,8 @@ constexpr std::size_t cache_line = 64;
 // Records are aligned to a cache line and keep everything a plain request
 // reads and writes in their first line, so that the record travels between
 // the two cores once each way; the failure details come after.
+
+class PythonEventQueue;
 
 // A request carried out on a Python thread with the interpreter lock held.
 struct alignas(cache_line) PyEvent {
@@ -88,6 +104,9 @@ struct alignas(cache_line) TclEvent {
     const char* output = nullptr;   // not owned; lives as long as the call
     const char* script = nullptr;   // not owned
     const char* variable = nullptr; // not owned
+    // The requester's inbox, where the requests made while this one is
+    // carried out go. Set by EventMgr::spin.
+    PythonEventQueue* inbox = nullptr;
     // Unshared objects, one reference each, which pass to the Tcl thread
     // with the request: it gives them back itself, since Tcl may keep them
     // (`set x` stores its word). The array is the requester's.
@@ -95,13 +114,13 @@ struct alignas(cache_line) TclEvent {
     SmartTclObj value;              // value to assign, unshared
     SmartTclObj result;             // a detached copy of the Tcl result
     int word_count = 0;
-    bool to_stderr = false;
     bool too_deep = false;          // the result was nested too deeply to copy
     // Failures of the bridge itself, flagged without allocating: Python gets
     // MemoryError, or TclError once the interpreter has been deleted.
     bool no_memory = false;
     bool interp_deleted = false;
     std::atomic<bool> done{false};
+    bool to_stderr = false;         // output requests only, which are rare
     std::string error;              // non-empty exactly when the request failed
     std::vector<std::string> error_code; // the failure's -errorcode, word by word
     std::string error_info;              // and its -errorinfo
@@ -223,9 +242,17 @@ public:
         return false;
     }
 
-protected:
-    void append(T* ev) {
+    // No entry is appended from now on; those already in stay.
+    void close() {
         std::lock_guard<std::mutex> lock(mutex);
+        closed_ = true;
+    }
+
+protected:
+    // False, and `ev` not queued, once the queue is closed.
+    bool append(T* ev) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (closed_) return false;
         const int count = nearCount();
         if (count < near_size && far_.empty()) {
             near_[count] = ev;
@@ -233,6 +260,7 @@ protected:
         } else {
             far_.push_back(ev);
         }
+        return true;
     }
 
     std::mutex mutex;
@@ -257,15 +285,25 @@ private:
     // looksEmpty. Entries wait in `far_` only while `near_` is full, so no
     // entry in `near_` means an empty queue.
     std::atomic<int> near_count_{0};
+    bool closed_ = false;
     T* near_[near_size] = {};
     std::deque<T*> far_;
 };
 
-// Requests for Python; serviced by Python threads holding the interpreter lock.
+// A Python thread's inbox: the requests for Python that it alone carries out,
+// with the interpreter lock held. Today every push wakes every waiter; a
+// wake-up of its own thread alone would live here.
 class PythonEventQueue : public _LockedQueueT<PyEvent> {
 public:
-    // Tcl thread: queue and wake the Python side.
-    void push(PyEvent* ev);
+    // The calling Python thread's inbox: the one it was given (useAsOwn), or
+    // one of its own, made at its first call into Tcl and gone with the
+    // thread, which cannot end while the Tcl thread carries its request.
+    static PythonEventQueue& own();
+    // The calling thread's inbox is this one from now on.
+    void useAsOwn();
+    // Tcl thread: queue and wake the Python side; false when the inbox is
+    // closed, its thread gone.
+    bool push(PyEvent* ev);
     // Carries out one request completely: work, outcome, done, notify.
     static void serviceEvent(PyEvent* ev);
     // Lock not held on entry; *state is the caller's saved thread state.
@@ -273,9 +311,10 @@ public:
     bool serviceOneEvent(PyThreadState** state);
     // Lock held for the whole call.
     void serviceAllEvents();
-    // Lock held on entry and on return; released while waiting. Returns
-    // when `ev` is done, the bridge is shutting down, or the interpreter has
-    // been deleted while `ev` still waited in the queue.
+    // The inbox's own thread; lock held on entry and on return, released
+    // while waiting. Returns when `ev` is done, or once it has been taken back
+    // from the queue: at shutdown (left not done) or when the interpreter has
+    // been deleted (refused). A request the Tcl thread has taken is waited for.
     void waitFor(TclEvent* ev);
 };
 
@@ -305,8 +344,25 @@ public:
     bool waitFor(PyEvent* ev, std::chrono::steady_clock::time_point deadline);
 };
 
+// One TclEvent that the Tcl thread is carrying out now, and the one it
+// carries out further out; a frame of TclEventQueue::serviceEvent each.
+struct Carrying {
+    TclEvent* ev;
+    PythonEventQueue* inbox; // the requester's; null once released
+    Carrying* outer;
+    bool released = false;   // finished early: `ev` must not be touched
+};
+
 class EventMgr {
 public:
+    // Tcl thread: where a request for Python made now goes: the inbox of
+    // the TclEvent being carried out, else the default one.
+    PythonEventQueue& inbox() {
+        return carrying && carrying->inbox ? *carrying->inbox : python_queue;
+    }
+    // Tcl thread, exiting from inside requests it carries: finishes them all
+    // (as abandoned), so that their requesters may go on and end.
+    void releaseCarried();
     // Tcl thread: the whole call into Python; returns the Tcl code and sets
     // the interpreter result.
     int spin(PyEvent* ev);
@@ -320,6 +376,7 @@ public:
     TclEventQueue tcl_queue;
     OutputQueue output; // written by Python threads, drained by the Tcl thread
     RunningCalls calls; // which thread runs each of the Tcl thread's calls
+    Carrying* carrying = nullptr; // Tcl thread only; innermost first
 };
 
 namespace tcl_c_api {

@@ -8,16 +8,36 @@ namespace pytarn::event {
 namespace {
 constexpr std::chrono::seconds wait_bound{1};
 
+thread_local PythonEventQueue* own_inbox = nullptr;
+
 // Once the interpreter is deleted only output and work on the standard
 // channels (which outlive it) are still carried out; everything else fails.
 bool refused(const TclEvent* ev) {
     return !ev->output && !ev->outlives_interp && python_thread.interp_deleted.load();
 }
+
+// A request that the Tcl thread will never carry out is finished here, on
+// the requester's own thread: what it carries is the caller's again.
+void finishRefused(TclEvent* ev) {
+    ev->interp_deleted = true;
+    ev->done.store(true);
+}
 } // namespace
 
-void PythonEventQueue::push(PyEvent* ev) {
-    append(ev);
+PythonEventQueue& PythonEventQueue::own() {
+    if (!own_inbox) {
+        static thread_local PythonEventQueue made;
+        own_inbox = &made;
+    }
+    return *own_inbox;
+}
+
+void PythonEventQueue::useAsOwn() { own_inbox = this; }
+
+bool PythonEventQueue::push(PyEvent* ev) {
+    if (!append(ev)) return false;
     notifier->notifyAll();
+    return true;
 }
 
 bool PythonEventQueue::serviceOneEvent(PyThreadState** state) {
@@ -37,19 +57,14 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
     PyThreadState* state = PyEval_SaveThread();
     for (;;) {
         std::uint64_t seen = notifier->generation();
-        if (!python_alive->load()) {
-            // Abandoned: the Tcl thread will not service it any more, and
-            // must never find it once this frame is gone.
-            event_mgr->tcl_queue.remove(ev);
-            break;
-        }
         if (ev->done.load()) break;
-        // The interpreter was deleted while the request still waited: the
-        // Tcl thread would only refuse it. Taken out here, it is this
-        // thread's again; one the Tcl thread has taken, it completes.
-        if (refused(ev) && event_mgr->tcl_queue.remove(ev)) {
-            ev->interp_deleted = true;
-            ev->done.store(true);
+        // Shutdown, or the interpreter deleted, while the request still
+        // waits in the queue: taken out here, it is never carried out. One
+        // the Tcl thread has taken, it completes: this thread waits for it,
+        // carrying out what is routed here meanwhile.
+        const bool alive = python_alive->load();
+        if ((!alive || refused(ev)) && event_mgr->tcl_queue.remove(ev)) {
+            if (alive) finishRefused(ev); // else left not done: abandoned
             break;
         }
         if (serviceOneEvent(&state)) continue;
@@ -62,13 +77,13 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
 PyObject* EventMgr::spin(TclEvent* ev) {
     if (!python_alive->load()) Py_RETURN_NONE; // shutting down: Tcl takes no more
     if (refused(ev)) {
-        // Never sent, so finished here: what it carries is the caller's again.
-        ev->interp_deleted = true;
-        ev->done.store(true);
+        finishRefused(ev); // never sent
         return postProcess(ev);
     }
+    PythonEventQueue& inbox = PythonEventQueue::own();
+    ev->inbox = &inbox;
     tcl_queue.push(ev);
-    python_queue.waitFor(ev);
+    inbox.waitFor(ev);
     if (!ev->done.load()) Py_RETURN_NONE;
     // An interrupt that came while Tcl worked is raised here, before the
     // conversion, whose failed attempts would otherwise swallow it.

@@ -33,18 +33,30 @@ bool RunningCalls::begin(std::uint64_t number) {
     return true;
 }
 
-void RunningCalls::end(std::uint64_t number) {
-    if (number == 0) return;
+bool RunningCalls::end(std::uint64_t number) {
+    if (number == 0) return false;
     Runner& runner = runners_[levelOf(number)];
     if (runner.number.load(std::memory_order_relaxed) == number)
         runner.number.store(0, std::memory_order_relaxed);
+    // Ended first, then the mark looked at; markInnermost stores the mark,
+    // then looks whether the call has ended: one of the two sees the other.
+    runner.ended.store(number);
+    // A load first: the common case writes no line that others read.
+    std::uint64_t marked = number;
+    return requested_.load() == number && requested_.compare_exchange_strong(marked, 0);
 }
 
 bool RunningCalls::markInnermost() {
     const int depth = depth_.load();
     if (depth <= 0) return false;
-    requested_.store(open_[std::min(depth, levels - 1)].load());
-    return true;
+    const std::uint64_t number = open_[std::min(depth, levels - 1)].load();
+    const std::atomic<std::uint64_t>& ended = runners_[levelOf(number)].ended;
+    if (ended.load() == number) return false;
+    requested_.store(number);
+    if (ended.load() != number) return true;
+    // Ended meanwhile: taken back, unless end() took it first and raised it.
+    std::uint64_t marked = number;
+    return !requested_.compare_exchange_strong(marked, 0);
 }
 
 RunningCalls::Target RunningCalls::takeMark() {

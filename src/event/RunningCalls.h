@@ -9,6 +9,10 @@
 // - markInnermost() is async-signal-safe: lock-free atomic loads and stores
 //   only. Everything else that reads the Python side's marks does so with the
 //   interpreter lock held, so it sees a call either running or not.
+// - An interrupt is never lost to a call that ends before it is delivered
+//   (the delivery waits for the interpreter lock, which a busy machine may
+//   give it late): end() takes a mark that is still there and the call fails
+//   with it, and a mark set after the end is refused (markInnermost false).
 // Every call has a number of its own whose low bits are its level, so a mark
 // left for a call that has ended never touches a later one.
 #pragma once
@@ -30,11 +34,13 @@ public:
     // Python thread, lock held: it starts carrying out call `number`. True
     // when an interrupt came for it while it waited in the queue.
     bool begin(std::uint64_t number);
-    // Python thread, lock held: call `number` is finished.
-    void end(std::uint64_t number);
+    // Python thread, lock held: call `number` is finished. True when an
+    // interrupt asked for it has not been delivered: the call raises it now.
+    bool end(std::uint64_t number);
 
     // Any thread, signal handlers too: asks for the innermost call to be
-    // interrupted. False when no call into Python is in progress.
+    // interrupted. False when no call into Python is in progress, or the
+    // innermost one has finished already.
     bool markInnermost();
 
     // Where an interrupt asked for by markInnermost must go; lock held.
@@ -58,6 +64,7 @@ private:
 
     struct alignas(64) Runner {
         std::atomic<std::uint64_t> number{0}; // 0: nothing runs at this level
+        std::atomic<std::uint64_t> ended{0};  // the last call here that ended
         std::atomic<unsigned long> ident{0};
         std::atomic<pthread_t> thread{};
     };

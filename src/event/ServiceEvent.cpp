@@ -118,6 +118,28 @@ void reportFailure(PyEvent* ev) {
     ev->result = tcl_convert::toTcl(message.c_str());
 }
 
+// An interrupt delivered after the request's code last looked (Python's
+// signal flag on its main thread, an asynchronous exception on another) is
+// taken here, so that it ends this request and not the next code that this
+// thread runs. A request that failed already keeps its own error.
+void takeLateInterrupt() {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    if (PyErr_CheckSignals() == 0 && PyThreadState_Get()->async_exc) {
+        // Only the interpreter loop raises an asynchronous exception (and
+        // clears its flag): one instruction of code that does nothing.
+        static PyObject* const nothing = Py_CompileString("None", "<interrupt>", Py_eval_input);
+        static PyObject* const globals = PyDict_New(); // kept for the process's life
+        if (nothing && globals) SmartPyObj ran(PyEval_EvalCode(nothing, globals, globals));
+    }
+    if (type) {
+        PyErr_Clear();
+        PyErr_Restore(type, value, traceback);
+    }
+}
+
 } // namespace
 
 void PythonEventQueue::serviceEvent(PyEvent* ev) {
@@ -129,11 +151,10 @@ void PythonEventQueue::serviceEvent(PyEvent* ev) {
         // An exception in the work becomes a Python MemoryError (or
         // RuntimeError) and is reported like any other failure.
         returned = pythonGuard([ev] { return ev->func(); });
-        // An interrupt that came too late for the code to notice it still
-        // ends this request, not the next one on this thread.
-        if (!PyErr_Occurred()) PyErr_CheckSignals();
+        takeLateInterrupt();
     }
-    calls.end(ev->call);
+    // One that was asked for and never delivered is raised here.
+    if (calls.end(ev->call) && !PyErr_Occurred()) PyErr_SetNone(PyExc_KeyboardInterrupt);
     // No Tcl thread lives in a forked child to take the outcome.
     if (python_thread.forked.load() && python_thread.end_forked_child)
         python_thread.end_forked_child();

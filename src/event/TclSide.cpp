@@ -141,7 +141,7 @@ void releaseWords(TclEvent* ev) {
 } // namespace
 
 void TclEventQueue::push(TclEvent* ev) {
-    append(ev);
+    (void)append(ev); // never closed
     wake();
 }
 
@@ -202,12 +202,14 @@ void TclEventQueue::storeFailure(Tcl_Interp* interp, TclEvent* ev, int code) {
 namespace {
 
 // Carries out a request that needs the interpreter, which the caller keeps
-// preserved. False when shutdown began meanwhile: the record may be gone.
-bool carryOut(Tcl_Interp* interp, TclEvent* ev) {
+// preserved. False when the record was released meanwhile (an exit from
+// inside it): it is no longer ours to touch.
+bool carryOut(Tcl_Interp* interp, const Carrying& here) {
+    TclEvent* ev = here.ev;
     if (ev->script) {
         int code = Tcl_EvalEx(interp, tcl_convert::TclText(ev->script).get(), -1,
                               TCL_EVAL_GLOBAL);
-        if (!python_alive->load()) return false;
+        if (here.released) return false;
         Tcl_Obj* result = Tcl_GetObjResult(interp);
         if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
         if (ev->error.empty()) storeResult(ev, result);
@@ -215,13 +217,13 @@ bool carryOut(Tcl_Interp* interp, TclEvent* ev) {
         // Words go to the command as they are: no substitution, no parsing.
         int code = Tcl_EvalObjv(interp, ev->word_count, const_cast<Tcl_Obj**>(ev->words),
                                 TCL_EVAL_GLOBAL);
-        if (!python_alive->load()) return false; // the words are left to the process's end
+        if (here.released) return false; // the words are left to the process's end
         if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
         if (ev->error.empty()) storeResult(ev, Tcl_GetObjResult(interp));
         releaseWords(ev);
     } else if (ev->action) {
         ev->action(interp, ev);
-        if (!python_alive->load()) return false;
+        if (here.released) return false;
     } else if (ev->variable && ev->value) {
         Tcl_SetVar2Ex(interp, tcl_convert::TclText(ev->variable).get(), nullptr,
                       ev->value.get(), TCL_GLOBAL_ONLY);
@@ -239,9 +241,10 @@ bool carryOut(Tcl_Interp* interp, TclEvent* ev) {
 }
 
 // An allocation that failed half way leaves no partial outcome behind.
-// False, as carryOut, when the record may be gone.
-bool failedInternally(TclEvent* ev) {
-    if (!python_alive->load()) return false;
+// False, as carryOut, when the record is no longer ours.
+bool failedInternally(const Carrying& here) {
+    if (here.released) return false;
+    TclEvent* ev = here.ev;
     ev->error.clear();
     ev->error_code.clear();
     ev->error_info.clear();
@@ -250,46 +253,56 @@ bool failedInternally(TclEvent* ev) {
     return true;
 }
 
-} // namespace
-
-void TclEventQueue::serviceEvent(TclEvent* ev) {
-    // Once shutdown has begun a requester may have abandoned its record, and
-    // a script run here may itself begin shutdown: test before every touch.
-    if (!python_alive->load()) return;
-    drainOutput();
-    if (!python_alive->load()) return;
+void carry(Carrying& here) {
+    TclEvent* ev = here.ev;
+    // Taken, the record is completed whatever happens: its requester waits.
+    // Only an exit from inside it (the output's puts may exit) releases it.
+    TclEventQueue::drainOutput();
+    if (here.released) return;
     if (ev->output) {
         if (setting_buff) { // after the write in progress, as the queue's
             event_mgr->output.append(ev->to_stderr, ev->output, std::strlen(ev->output), false);
             held_back = true;
         } else {
             writeOutput(ev->to_stderr, ev->output);
-            if (held_back) drainOutput();
+            if (held_back) TclEventQueue::drainOutput();
         }
-        if (!python_alive->load()) return;
-        complete(ev);
+        if (!here.released) complete(ev);
         return;
     }
     Tcl_Interp* interp = tcl_interp;
     if (interp && Tcl_InterpDeleted(interp)) interp = nullptr; // deleted within this call
     if (!interp && ev->action && ev->outlives_interp) {
         ev->action(nullptr, ev);
-        complete(ev);
+        if (!here.released) complete(ev);
         return;
     }
-    if (!interp) {
+    if (!interp || !python_alive->load()) {
+        // Deleted, or shutting down: refused, as the requester itself does
+        // with a request it takes back.
         if (ev->words) releaseWords(ev);
-        ev->interp_deleted = true;
+        ev->interp_deleted = !interp;
         complete(ev);
         return;
     }
     // A script may delete the interpreter (through a parent's alias); it is
     // freed, and interpDeleted runs, only at the release.
     Tcl_Preserve(interp);
-    const bool carried = withoutExceptions([&] { return carryOut(interp, ev); },
-                                           [ev](bool) { return failedInternally(ev); });
+    const bool carried = withoutExceptions([&] { return carryOut(interp, here); },
+                                           [&here](bool) { return failedInternally(here); });
     Tcl_Release(interp);
-    if (carried) complete(ev);
+    if (carried && !here.released) complete(ev);
+}
+
+} // namespace
+
+// Whatever it does, including a request for Python that goes to `ev`'s
+// requester, happens with `ev` innermost in EventMgr::carrying.
+void TclEventQueue::serviceEvent(TclEvent* ev) {
+    Carrying here{ev, ev->inbox, event_mgr->carrying};
+    event_mgr->carrying = &here;
+    carry(here);
+    event_mgr->carrying = here.outer;
 }
 
 void TclEventQueue::serviceAllEvents() {
@@ -338,22 +351,32 @@ bool TclEventQueue::waitFor(PyEvent* ev, std::chrono::steady_clock::time_point d
 int EventMgr::spin(PyEvent* ev) {
     Tcl_Interp* interp = tcl_interp;
     if (!interp) return TCL_ERROR; // deleted: nothing to report the outcome to
-    if (!pythonRunning()) {
+    PythonEventQueue& target = inbox();
+    ev->call = calls.enter();
+    if (!pythonRunning() || !target.push(ev)) {
+        calls.leave();
         Tcl_SetResult(interp, const_cast<char*>("Python interpreter is not running"),
                       TCL_STATIC);
         Tcl_SetErrorCode(interp, "PYTARN", "NOTRUNNING", nullptr);
         return TCL_ERROR;
     }
-    ev->call = calls.enter();
     // Python may have the interpreter deleted meanwhile; it stays usable
     // until the release, where interpDeleted runs.
     Tcl_Preserve(interp);
-    python_queue.push(ev);
     tcl_queue.waitFor(ev);
     calls.leave();
     const int code = postProcess(ev);
     Tcl_Release(interp);
     return code;
+}
+
+void EventMgr::releaseCarried() {
+    for (Carrying* here = carrying; here; here = here->outer) {
+        if (here->released) continue;
+        here->released = true;
+        here->inbox = nullptr;
+        complete(here->ev);
+    }
 }
 
 int EventMgr::postProcess(PyEvent* ev) {

@@ -100,7 +100,8 @@ TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
     PyEvent ev([] { return py("None").release(); });
     ev.call = calls.enter();
     PythonEventQueue::serviceEvent(&ev);
-    EXPECT_TRUE(calls.markInnermost() && calls.takeMark().kind != RunningCalls::Target::running);
+    EXPECT_FALSE(calls.markInnermost());
+    EXPECT_NE(calls.takeMark().kind, RunningCalls::Target::running);
     calls.leave();
 }
 
