@@ -1,6 +1,7 @@
 // Python's environment beyond the bootstrap script (see Environment.h).
 #include "Environment.h"
 
+#include "Interrupts.h"
 #include "Signals.h"
 
 #include "convert/PyErrors.h"

@@ -9,7 +9,8 @@
 // blocking read, and on another thread as an asynchronous exception. A signal
 // sent to that thread wakes its blocked system call; on the main thread its
 // handler raises the flag, since Python heeds it only from the main thread.
-#include "Environment.h"
+#include "Interrupts.h"
+#include "Bridge.h"
 
 #include <semaphore.h>
 #include <signal.h>

@@ -3,7 +3,7 @@
 // loaded from; `load` runs with that directory as the working directory, as
 // pytarnsh runs it, and the caller's directory is restored straight after.
 #include "Bridge.h"
-#include "Environment.h"
+#include "Interrupts.h"
 
 #include "convert/Guard.h"
 

@@ -1,7 +1,8 @@
-// The entry point, the Python thread's life and the process-wide globals.
+// The entry point and the Python thread's life.
 #include "Bridge.h"
 #include "PytarnCommands.h"
-#include "Environment.h"
+#include "ExitWork.h"
+#include "Interrupts.h"
 #include "Signals.h"
 
 #include "convert/Guard.h"
@@ -15,33 +16,23 @@
 
 namespace pytarn {
 
-// Neither object is ever destroyed: daemon threads started by Python code may
-// still sit in the thread object's queues and waits while the process exits,
-// and the cached Python objects may only be released with the interpreter
-// lock, which the ended Python thread keeps. Only the stop runs at static
-// destruction.
-PythonState& python_state = *new PythonState;
-PythonThread& python_thread = *new PythonThread;
 namespace {
+
+void stopPythonThread();
+
+// The Python thread is also stopped at static destruction (its objects never
+// are, see event/State.cpp).
 struct StopAtExit {
     StopAtExit() = default;
     StopAtExit(const StopAtExit&) = delete;
     StopAtExit& operator=(const StopAtExit&) = delete;
-    ~StopAtExit() { python_thread.stop(); }
+    ~StopAtExit() { stopPythonThread(); }
 } stop_at_exit;
-} // namespace
-event::Notifier* const notifier = &python_thread.notifier;
-event::EventMgr* const event_mgr = &python_thread.event_mgr;
-std::atomic<bool>* const python_alive = &python_thread.alive;
-Tcl_ThreadId main_tcl_thread = nullptr;
-Tcl_Interp* tcl_interp = nullptr;
-
-namespace {
 
 constexpr std::chrono::seconds load_wait_bound{1};
 constexpr std::chrono::seconds idle_wait_bound{5};
-// stop(): how long Python code may run on before it is interrupted, and how
-// long the host's exit waits for the thread at most.
+// stopPythonThread(): how long Python code may run on before it is
+// interrupted, and how long the host's exit waits for the thread at most.
 constexpr std::chrono::milliseconds stop_grace{100};
 constexpr std::chrono::milliseconds stop_bound{1000};
 constexpr std::chrono::milliseconds stop_poll{20};
@@ -104,7 +95,7 @@ void remove(ClientData) {
                     finishFromOtherThread();
                 }
             }
-            python_thread.stop();
+            stopPythonThread();
         },
         [](bool) {});
 }
@@ -144,79 +135,87 @@ void registerCommands() {
     Tcl_CreateObjCommand(tcl_interp, "::python::set", tcl_api::set, nullptr, nullptr);
 }
 
-} // namespace
-
-void PythonThread::run() {
-    python_ident.store(PyThread_get_thread_ident());
-    event_mgr.python_queue.useAsOwn();
+// The body of the Python thread: init, then service requests until `alive`
+// is cleared.
+void runPythonThread() {
+    PythonThread& self = python_thread;
+    self.python_ident.store(PyThread_get_thread_ident());
+    self.event_mgr.python_queue.useAsOwn();
     // An exception here (start-up allocates) is a failed start, not the end
     // of the host's process.
     if (withoutExceptions([] { return init(); }, [](bool) { return 1; }) != 0) {
         std::cerr << "error loading pytarn\n";
-        status = 1;
-        alive.store(false);
+        self.status = 1;
+        self.alive.store(false);
     } else {
-        status = 0;
+        self.status = 0;
     }
-    ready.store(true);
-    notifier.notifyAll();
+    self.ready.store(true);
+    self.notifier.notifyAll();
     if (Py_IsInitialized()) {
         PyGILState_STATE gil = PyGILState_Ensure();
         PyThreadState* state = PyEval_SaveThread();
         for (;;) {
-            std::uint64_t seen = notifier.generation();
-            if (!event_mgr.python_queue.empty()) {
+            std::uint64_t seen = self.notifier.generation();
+            if (!self.event_mgr.python_queue.empty()) {
                 PyEval_RestoreThread(state);
-                event_mgr.python_queue.serviceAllEvents();
+                self.event_mgr.python_queue.serviceAllEvents();
                 state = PyEval_SaveThread();
                 continue;
             }
-            if (!alive.load()) {
+            if (!self.alive.load()) {
                 // Closed, the inbox takes nothing more, and what came before is done.
-                event_mgr.python_queue.close();
-                if (!event_mgr.python_queue.empty()) continue;
+                self.event_mgr.python_queue.close();
+                if (!self.event_mgr.python_queue.empty()) continue;
                 break;
             }
-            notifier.waitChange(seen, idle_wait_bound);
+            self.notifier.waitChange(seen, idle_wait_bound);
         }
         // Ends holding the lock: nothing may run Python after the bridge stops.
         PyEval_RestoreThread(state);
         PyGILState_Release(gil);
     }
     signals::release();
-    finished.store(true);
-    notifier.notifyAll();
+    self.finished.store(true);
+    self.notifier.notifyAll();
 }
 
-void PythonThread::stop() {
-    if (forked.load()) return; // the thread was not copied into this child
-    alive.store(false);
-    notifier.notifyAll();
-    if (!thread.joinable() || thread.get_id() == std::this_thread::get_id()) return;
+// Clears `alive`, wakes every waiter and joins the thread. Python code that
+// runs on regardless is interrupted; a thread that has still not ended after
+// a bound (one blocked outside Python) is left behind, so that the host's exit
+// never waits for it.
+void stopPythonThread() {
+    PythonThread& self = python_thread;
+    if (self.forked.load()) return; // the thread was not copied into this child
+    self.alive.store(false);
+    self.notifier.notifyAll();
+    if (!self.thread.joinable() || self.thread.get_id() == std::this_thread::get_id()) return;
     const auto start = std::chrono::steady_clock::now();
     for (;;) {
-        std::uint64_t seen = notifier.generation();
-        if (finished.load()) break;
+        std::uint64_t seen = self.notifier.generation();
+        if (self.finished.load()) break;
         const auto waited = std::chrono::steady_clock::now() - start;
         if (waited >= stop_bound) {
             // Blocked outside Python (a sleep, a lock): the process ends
-            // without it, and a later stop() returns at once.
-            thread.detach();
+            // without it, and a later stop returns at once.
+            self.thread.detach();
             return;
         }
         // Python code that never calls Tcl, or runs on after its Tcl calls
         // were abandoned, does not look at `alive`.
-        if (waited >= stop_grace && !interrupting.exchange(true)) {
+        if (waited >= stop_grace && !self.interrupting.exchange(true)) {
             try {
                 std::thread(interruptPython).detach();
             } catch (const std::system_error&) {
                 // Without it the bound below still ends the wait.
             }
         }
-        notifier.waitChange(seen, stop_poll);
+        self.notifier.waitChange(seen, stop_poll);
     }
-    thread.join();
+    self.thread.join();
 }
+
+} // namespace
 
 } // namespace pytarn
 
@@ -234,6 +233,7 @@ int startBridge(Tcl_Interp* interp) {
     main_tcl_thread = Tcl_GetCurrentThread();
     Tcl_CreateNamespace(interp, "::python", nullptr, nullptr);
     buffer::findHostLibrary();
+    python_thread.body = runPythonThread;
     try {
         python_thread.thread = std::thread(&PythonThread::run, &python_thread);
     } catch (const std::system_error&) {

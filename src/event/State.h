@@ -1,7 +1,7 @@
 // The bridge's process-wide state: the Python thread's flags and transport,
 // the cached Python objects and the globals through which every part reaches
-// them. The transport and the layers above read it; the lifecycle (src/core)
-// defines the objects and drives the thread.
+// them (defined in State.cpp). The transport and the layers above read it;
+// the lifecycle (src/core) drives the thread.
 #pragma once
 
 #include "Event.h"
@@ -38,14 +38,10 @@ public:
     PythonThread(const PythonThread&) = delete;
     PythonThread& operator=(const PythonThread&) = delete;
 
-    // The body of the Python thread: init, then service requests until
-    // `alive` is cleared.
-    void run();
-    // Clears `alive`, wakes every waiter and joins the thread. Python code
-    // that runs on regardless is interrupted; a thread that has still not
-    // ended after a bound (one blocked outside Python) is left behind, so
-    // that the host's exit never waits for it.
-    void stop();
+    // The thread's function: runs `body`, which the lifecycle installs
+    // before it starts the thread.
+    void run() { body(); }
+    void (*body)() = nullptr;
 
     std::thread thread;
     std::atomic<bool> alive{true};
@@ -56,9 +52,9 @@ public:
     // forked in has run, with that request's error still set.
     void (*end_forked_child)() = nullptr;
     std::atomic<bool> ready{false};
-    std::atomic<bool> finished{false};        // run() will run no more Python
+    std::atomic<bool> finished{false};        // the body will run no more Python
     std::atomic<unsigned long> python_ident{0}; // the thread's Python identity
-    std::atomic<bool> interrupting{false};      // stop() has begun interrupting
+    std::atomic<bool> interrupting{false};      // the stop has begun interrupting
     // The host deleted the interpreter the bridge was loaded into: Python
     // lives on, its calls into Tcl fail. Set on the main Tcl thread.
     std::atomic<bool> interp_deleted{false};
