@@ -7,17 +7,21 @@ namespace pytarn {
 void printPythonError() {
     if (!PyErr_Occurred()) return;
     if (PyErr_ExceptionMatches(PyExc_SystemExit)) {
-        PyObject* type = nullptr;
-        PyObject* value = nullptr;
-        PyObject* traceback = nullptr;
-        PyErr_Fetch(&type, &value, &traceback);
-        PyErr_NormalizeException(&type, &value, &traceback);
-        SmartPyObj ownedType(type), ownedValue(value), ownedTraceback(traceback);
-        PyErr_Display(type, value, traceback);
+        FetchedError error = fetchNormalizedError();
+        PyErr_Display(error.type.get(), error.value.get(), error.traceback.get());
     } else {
         PyErr_Print();
     }
     PyErr_Clear();
+}
+
+FetchedError fetchNormalizedError() {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    return FetchedError{SmartPyObj(type), SmartPyObj(value), SmartPyObj(traceback)};
 }
 
 int systemExitCode(PyObject* value) {

@@ -5,6 +5,7 @@
 #include <Python.h>
 
 #include "Guard.h"
+#include "SmartObj.h"
 
 namespace pytarn {
 
@@ -12,6 +13,15 @@ namespace pytarn {
 // a bare PyErr_Print it never ends the process on SystemExit: only a request
 // may do that, and then through the host. Interpreter lock held.
 void printPythonError();
+
+// The pending Python error, taken out and normalised; each part owned, any
+// of them possibly empty. No error is set afterwards. Interpreter lock held.
+struct FetchedError {
+    SmartPyObj type;
+    SmartPyObj value;
+    SmartPyObj traceback;
+};
+FetchedError fetchNormalizedError();
 
 // The exit code Python would use for an unhandled SystemExit `value`; the
 // message of a non-integer code is written to sys.stderr as Python does.
