@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -18,29 +19,56 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds long_bound{30}; // reaching it can only mean a lost wake-up
 
+namespace {
+
+// Pops the queue until it gives nothing, in the order it gives.
+std::vector<PyEvent*> drain(PythonEventQueue& queue) {
+    std::vector<PyEvent*> popped;
+    while (PyEvent* ev = queue.pop())
+        popped.push_back(ev);
+    return popped;
+}
+
+} // namespace
+
 TEST(LockedQueue, KeepsOrderWhateverItsLengthAndWhicheverEntryIsRemoved) {
     PythonEventQueue queue;
     std::deque<PyEvent> items;
-    for (int i = 0; i < 12; ++i) items.emplace_back(nullptr);
+    for (int i = 0; i < 12; ++i)
+        items.emplace_back(nullptr);
     const auto seen = pytarn::notifier->generation();
     queue.push(&items[0]); // and wakes the Python side
-    EXPECT_TRUE(pytarn::notifier->generation() != seen && queue.pop() == &items[0]);
-    EXPECT_FALSE(queue.remove(&items[0]));
+    EXPECT_NE(pytarn::notifier->generation(), seen);
+    queue.pop();
     for (std::size_t length = 1; length <= items.size(); ++length) {
         for (std::size_t gone = 0; gone < length; ++gone) {
-            for (std::size_t i = 0; i < length; ++i) queue.push(&items[i]);
-            EXPECT_TRUE(queue.remove(&items[gone]) && !queue.remove(&items[gone]));
+            SCOPED_TRACE("length " + std::to_string(length) + ", removed " + std::to_string(gone));
+            std::vector<PyEvent*> kept;
+            for (std::size_t i = 0; i < length; ++i) {
+                queue.push(&items[i]);
+                if (i != gone) kept.push_back(&items[i]);
+            }
+            const bool removed = queue.remove(&items[gone]);
+            const bool removedAgain = queue.remove(&items[gone]);
+            EXPECT_TRUE(removed);
+            EXPECT_FALSE(removedAgain);
             EXPECT_EQ(queue.size(), length - 1);
-            for (std::size_t i = 0; i < length; ++i)
-                EXPECT_EQ(i == gone ? &items[gone] : queue.pop(), &items[i]) << length << gone;
-            EXPECT_TRUE(queue.empty() && queue.looksEmpty() && !queue.pop());
+            const std::vector<PyEvent*> popped = drain(queue);
+            EXPECT_EQ(popped, kept);
+            EXPECT_TRUE(queue.empty());
+            EXPECT_TRUE(queue.looksEmpty());
         }
     }
     // Appending while partly drained keeps the order too.
-    for (int i = 0; i < 5; ++i) queue.push(&items[i]);
-    EXPECT_EQ(queue.pop(), &items[0]);
-    for (int i = 5; i < 8; ++i) queue.push(&items[i]);
-    for (int i = 1; i < 8; ++i) EXPECT_EQ(queue.pop(), &items[i]);
+    for (int i = 0; i < 5; ++i)
+        queue.push(&items[i]);
+    PyEvent* const head = queue.pop();
+    EXPECT_EQ(head, &items[0]);
+    for (int i = 5; i < 8; ++i)
+        queue.push(&items[i]);
+    const std::vector<PyEvent*> rest = drain(queue);
+    EXPECT_EQ(rest, (std::vector<PyEvent*>{&items[1], &items[2], &items[3], &items[4], &items[5],
+                                           &items[6], &items[7]}));
 }
 
 TEST(Notifier, WakesEveryWaiterNotifiedBeforeOrDuringItsWait) {
@@ -89,7 +117,9 @@ TEST(Notifier, HandOffsLoseNoWakeUp) {
 TEST(PyEventService, FailuresBecomeTclErrorsAndLeaveNoPythonError) {
     PyEvent ev([] { return py("type('B', (), {'__str__': lambda s: 1/0})()").release(); });
     PythonEventQueue::serviceEvent(&ev);
-    EXPECT_TRUE(ev.done.load() && ev.status == TCL_ERROR && !PyErr_Occurred());
+    EXPECT_TRUE(ev.done.load());
+    EXPECT_EQ(ev.status, TCL_ERROR);
+    EXPECT_FALSE(PyErr_Occurred());
     EXPECT_STREQ(ev.result ? Tcl_GetString(ev.result.get()) : "",
                  "ZeroDivisionError: division by zero");
 }
@@ -100,7 +130,10 @@ TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
     PyEvent ev([] { return py("None").release(); });
     ev.call = calls.enter();
     PythonEventQueue::serviceEvent(&ev);
-    EXPECT_TRUE(calls.markInnermost() && calls.takeMark().kind != RunningCalls::Target::running);
+    const bool marked = calls.markInnermost();
+    const RunningCalls::Target target = calls.takeMark();
+    EXPECT_TRUE(marked);
+    EXPECT_NE(target.kind, RunningCalls::Target::running);
     calls.leave();
 }
 
@@ -108,8 +141,11 @@ TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
 TEST(TclEventQueue, ABoundedWaitSaysWhetherTheRequestIsDone) {
     PyEvent finished(nullptr), running(nullptr);
     finished.done.store(true);
-    EXPECT_TRUE(pytarn::event_mgr->tcl_queue.waitFor(&finished, Clock::now() + long_bound));
-    EXPECT_FALSE(pytarn::event_mgr->tcl_queue.waitFor(&running, Clock::now()));
+    TclEventQueue& queue = pytarn::event_mgr->tcl_queue;
+    const bool finishedDone = queue.waitFor(&finished, Clock::now() + long_bound);
+    const bool runningDone = queue.waitFor(&running, Clock::now());
+    EXPECT_TRUE(finishedDone);
+    EXPECT_FALSE(runningDone);
 }
 
 // Null exactly when an error is set, or a request would report a failed assignment as done.
@@ -140,14 +176,20 @@ TEST(EventMgrSpin, EndsAtOnceOnceShutdownHasBegun) {
     pytarn::python_thread.ready.store(true);
     pytarn::python_thread.alive.store(false);
     bool ran = false;
-    PyEvent request([&ran] { return ran = true, nullptr; });
-    EXPECT_EQ(pytarn::event_mgr->spin(&request), TCL_ERROR);
+    PyEvent request([&ran]() -> PyObject* {
+        ran = true;
+        return nullptr;
+    });
+    const int code = pytarn::event_mgr->spin(&request);
+    EXPECT_EQ(code, TCL_ERROR);
     EXPECT_STREQ(Tcl_GetStringResult(interp), "Python interpreter is not running");
-    EXPECT_TRUE(pytarn::event_mgr->python_queue.empty() && !ran);
+    EXPECT_TRUE(pytarn::event_mgr->python_queue.empty());
+    EXPECT_FALSE(ran);
     // Python's calls into Tcl return None at once, so that its code can end.
     TclEvent script;
     script.script = "set x 1";
-    EXPECT_EQ(pytarn::SmartPyObj(pytarn::event_mgr->spin(&script)).get(), Py_None);
+    const pytarn::SmartPyObj result(pytarn::event_mgr->spin(&script));
+    EXPECT_EQ(result.get(), Py_None);
     EXPECT_TRUE(pytarn::event_mgr->tcl_queue.empty());
     pytarn::python_thread.alive.store(true);
     pytarn::python_thread.ready.store(false);
@@ -173,19 +215,25 @@ TEST(OutputQueue, JoinsWritesToOneChannelAndRefusesPastItsLimit) {
     EXPECT_FALSE(output.pending());
     // Emptied: the next write must wake the Tcl thread again, once a piece fills.
     const std::string line(1000, 'x');
-    EXPECT_EQ(append(false, line), A::first);
-    EXPECT_TRUE(output.dueIn().count() > 0 && output.dueIn() <= OutputQueue::delay);
+    const A firstLine = append(false, line);
+    EXPECT_EQ(firstLine, A::first);
+    EXPECT_GT(output.dueIn().count(), 0);
+    EXPECT_LE(output.dueIn(), OutputQueue::delay);
     std::size_t written = line.size();
     int filled = 0;
-    for (A result; (result = append(false, line)) != A::full; written += line.size())
+    for (A result = append(false, line); result != A::full; result = append(false, line)) {
+        written += line.size();
         filled += result == A::filled;
+    }
     EXPECT_EQ(filled, 1);
     EXPECT_EQ(output.dueIn().count(), 0);
-    EXPECT_TRUE(written >= OutputQueue::limit && written < OutputQueue::limit + line.size());
+    EXPECT_GE(written, OutputQueue::limit);
+    EXPECT_LT(written, OutputQueue::limit + line.size());
     // Nothing refused was kept, nothing kept is lost, and taking makes room.
     ASSERT_TRUE(output.take(&piece));
     std::size_t taken = piece.text.size();
-    EXPECT_NE(append(false, "y"), A::full);
+    const A afterTaking = append(false, "y");
+    EXPECT_NE(afterTaking, A::full);
     while (output.take(&piece)) taken += piece.text.size();
     EXPECT_EQ(taken, written + 1);
 }
