@@ -88,14 +88,6 @@ TEST(Handles, CountEachReferenceOnceAndReleaseTheOldValueLast) {
     PyErr_Clear();
 }
 
-TEST(TextForms, TclOctalAndFloat) {
-    for (const char* yes : {"017", "0777"}) EXPECT_TRUE(isTclOctal(yes)) << yes;
-    for (const char* no : {"0", "00", "17", "08", "0o17", "-017", ""})
-        EXPECT_FALSE(isTclOctal(no)) << no;
-    for (const char* yes : {"1.5", ".5", "5."}) EXPECT_TRUE(isTclFloat(yes)) << yes;
-    for (const char* no : {".", "15", "1.2.3", "-1.5", "1e5"}) EXPECT_FALSE(isTclFloat(no)) << no;
-}
-
 // Each path, with the converted value's own count back where it was.
 TEST(Convert, PythonValuesBecomeTclTextAndKeepTheirCounts) {
     const std::pair<const char*, const char*> cases[] = {
