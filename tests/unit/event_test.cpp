@@ -3,9 +3,11 @@
 #include "TestEnv.h"
 
 #include "core/Bridge.h" // the work functions, and the state and queues below them
+#include "pytarn.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <deque>
 #include <string>
 #include <thread>
@@ -135,6 +137,33 @@ TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
     EXPECT_TRUE(marked);
     EXPECT_NE(target.kind, RunningCalls::Target::running);
     calls.leave();
+}
+
+// Calls nested deeper than the table's levels share its last slot: an interrupt asked for
+// there still finds the innermost call, queued or running.
+TEST(RunningCalls, PastTheDeepestLevelTheInnermostCallIsInterrupted) {
+    RunningCalls calls;
+    std::uint64_t innermost = 0;
+    for (int level = 0; level < RunningCalls::levels + 2; ++level)
+        innermost = calls.enter();
+    const bool marked = calls.markInnermost();
+    const RunningCalls::Target target = calls.takeMark();
+    const bool interruptedAtStart = calls.begin(innermost);
+    EXPECT_TRUE(marked);
+    EXPECT_EQ(target.kind, RunningCalls::Target::queued);
+    EXPECT_TRUE(interruptedAtStart);
+}
+
+// A host that asks from an interpreter other than the bridge's is refused with a reason.
+TEST(VirtualEnv, RefusedOutsideTheBridgesInterpreter) {
+    Tcl_Interp* other = Tcl_CreateInterp();
+    ASSERT_EQ(setenv("VIRTUAL_ENV", "/nonexistent", 1), 0);
+    const int code = Pytarn_UseVirtualEnv(other);
+    unsetenv("VIRTUAL_ENV");
+    EXPECT_EQ(code, TCL_ERROR);
+    EXPECT_STREQ(Tcl_GetStringResult(other), "pytarn: a virtual environment needs the bridge "
+                                             "loaded into this interpreter, on its thread");
+    Tcl_DeleteInterp(other);
 }
 
 // The exit's bounded wait tells a finished request from one that it must interrupt.
