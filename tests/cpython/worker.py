@@ -29,9 +29,11 @@ def main():
     # Each test's outcome by id (a failing setUpClass is an _ErrorHolder, a failing
     # subtest a _SubTest); passes are only counted.
     outcomes = {}
+    unexpected = [(t, None) for t in result.unexpectedSuccesses]
     for outcome, entries in (("failure", result.failures), ("error", result.errors),
-                             ("skip", result.skipped), ("expected failure", result.expectedFailures),
-                             ("unexpected success", [(t, None) for t in result.unexpectedSuccesses])):
+                             ("skip", result.skipped),
+                             ("expected failure", result.expectedFailures),
+                             ("unexpected success", unexpected)):
         outcomes.update((test.id(), outcome) for test, _ in entries)
     with open(out_path, "w", encoding="utf-8") as out:
         json.dump(dict(run=result.testsRun, failures=len(result.failures),

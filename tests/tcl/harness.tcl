@@ -2,7 +2,8 @@
 package require tcltest 2
 namespace import ::tcltest::*
 # Each case says when it starts, so that a suite cut off by its time limit names the case.
-configure -verbose {body error start}
+# A skipped case is named with its reason.
+configure -verbose {body error start skip}
 
 proc testEnv {name {default ""}} {
     expr {[info exists ::env($name)] && $::env($name) ne "" ? $::env($name) : $default}
@@ -26,11 +27,17 @@ proc useRoot {name} {
     exit [catch {exec [info nameofexecutable] $::argv0 {*}$::argv >@ stdout 2>@ stderr}]
 }
 
-proc readFile {path} {set chan [open $path]; try {read $chan} finally {close $chan}}
+proc readFile {path} {
+    set chan [open $path]
+    try {read $chan} finally {close $chan}
+}
 # Writes TEXT to a new temporary file and returns its name.
 proc scriptFile {text} {
     set chan [file tempfile name .tcl]
-    try {puts -nonewline $chan $text; return $name} finally {close $chan}
+    try {
+        puts -nonewline $chan $text
+        return $name
+    } finally {close $chan}
 }
 
 # Runs ARGS from DIR with INPUT on stdin, ENV changed (name value ...; "" unsets): a dict of
@@ -58,7 +65,9 @@ proc run {dir env input args} {
     fconfigure $pipe -blocking 0
     set ::runOut($pipe) ""
     fileevent $pipe readable [list apply {{pipe} {
-        if {[catch {append ::runOut($pipe) [read $pipe]}] || [eof $pipe]} {set ::runEnded($pipe) 1}
+        if {[catch {append ::runOut($pipe) [read $pipe]}] || [eof $pipe]} {
+            set ::runEnded($pipe) 1
+        }
     }} $pipe]
     waitFor ::runEnded($pipe) $::childBound hung
     set end [clock milliseconds]
@@ -74,14 +83,20 @@ proc run {dir env input args} {
     }
     try {
         dict create code $code stdout $::runOut($pipe) stderr [readFile $errFile] end $end
-    } finally {unset ::runEnded($pipe) ::runOut($pipe); file delete $errFile}
+    } finally {
+        unset ::runEnded($pipe) ::runOut($pipe)
+        file delete $errFile
+    }
 }
 
 # `run` of SCRIPT in a new pytarnsh of root ROOT ("": the main one), with ms: its run time.
 proc child {root script} {
     close [file tempfile startFile]
-    set file [scriptFile "[list apply {{f} {set c [open $f w]; puts $c [clock milliseconds]
-        close $c}} $startFile]\n$script"]
+    set file [scriptFile "[list apply {{f} {
+        set c [open $f w]
+        puts $c [clock milliseconds]
+        close $c
+    }} $startFile]\n$script"]
     set r [run [pwd] [list PYTARN_HOME [expr {$root eq "" ? "" : [file join $::rootsDir $root]}]] \
                "" [info nameofexecutable] $file]
     set start [string trim [readFile $startFile]]
@@ -141,12 +156,14 @@ proc cases {table args} {
     }
 }
 
-# Reports and ends the suite: 1 when a test failed, 77 (skipped, for CTest) when a
-# test could not run here for want of a program or display. A case that a sanitizer
-# build cannot run does not exist in that build, so its absence is no skip.
+# Reports and ends the suite: 1 when a test failed; 77 (skipped, for CTest) when no test
+# ran, for want of a program or display; else 0, the skipped cases named above. A case that
+# a sanitizer build cannot run does not exist in that build, so its absence is no skip.
 proc finish {} {
     set failed $::tcltest::numTests(Failed)
-    set skipped [llength [lsearch -all -inline -not [array names ::tcltest::skippedBecause] unsanitized]]
+    set passed $::tcltest::numTests(Passed)
+    set reasons [array names ::tcltest::skippedBecause]
+    set wanting [llength [lsearch -all -inline -not $reasons unsanitized]]
     cleanupTests
-    exit [expr {$failed ? 1 : $skipped ? 77 : 0}]
+    exit [expr {$failed ? 1 : !$passed && $wanting ? 77 : 0}]
 }

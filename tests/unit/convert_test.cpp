@@ -34,9 +34,12 @@ std::string python(Tcl_Obj* value) {
     const int refs = value->refCount;
     std::string out = repr(fromTcl(value));
     PyErr_Clear();
-    EXPECT_EQ(repr(fromTcl(copy.get())), out);
+    const std::string copied = repr(fromTcl(copy.get()));
     PyErr_Clear();
-    EXPECT_TRUE(value->refCount == refs && !value->bytes == noText && !copy.get()->bytes == noText);
+    EXPECT_EQ(copied, out);
+    EXPECT_EQ(value->refCount, refs);
+    EXPECT_EQ(!value->bytes, noText);
+    EXPECT_EQ(!copy.get()->bytes, noText);
     return out;
 }
 
@@ -85,14 +88,6 @@ TEST(Handles, CountEachReferenceOnceAndReleaseTheOldValueLast) {
     PyErr_Clear();
 }
 
-TEST(TextForms, TclOctalAndFloat) {
-    for (const char* yes : {"017", "0777"}) EXPECT_TRUE(isTclOctal(yes)) << yes;
-    for (const char* no : {"0", "00", "17", "08", "0o17", "-017", ""})
-        EXPECT_FALSE(isTclOctal(no)) << no;
-    for (const char* yes : {"1.5", ".5", "5."}) EXPECT_TRUE(isTclFloat(yes)) << yes;
-    for (const char* no : {".", "15", "1.2.3", "-1.5", "1e5"}) EXPECT_FALSE(isTclFloat(no)) << no;
-}
-
 // Each path, with the converted value's own count back where it was.
 TEST(Convert, PythonValuesBecomeTclTextAndKeepTheirCounts) {
     const std::pair<const char*, const char*> cases[] = {
@@ -121,21 +116,33 @@ TEST(Convert, TclValuesThatNoScriptBuildsOrSees) {
     Tcl_WideInt number = 0;
     ASSERT_EQ(Tcl_GetWideIntFromObj(nullptr, octal, &number), TCL_OK);
     ASSERT_EQ(PyRun_SimpleString("import io, sys\nsys.stderr = io.StringIO()"), 0);
-    const std::pair<Tcl_Obj*, std::string> cases[] = {
-        // A lone low surrogate, a pair in the wrong order, a sequence cut short, and a
-        // raw NUL (Tcl's own is 0xC0 0x80), which only a malformed object holds.
-        {str("a\xED\xB8\x80"), "<>"}, {str("\xED\xB8\x80\xED\xA0\xBD"), "<>"},
-        {str("\xE2\x82"), "<>"}, {str(std::string("a\0b", 3)), "<>"},
-        {str("\xED\xA0\xBD\xED\xB8\x80"), "'\xF0\x9F\x98\x80'"},
-        {str(" -" + digits + " "), "' -" + digits + " '"}, {str(" -1_000 "), "-1000"},
-        {str("017 "), "'017 '"}, {str("007.10"), "7.1"},
+    const struct {
+        const char* name;
+        Tcl_Obj* value;
+        std::string expected;
+    } cases[] = {
+        // Malformed forms, which only an object built in C holds (Tcl's own NUL is 0xC0 0x80).
+        {"lone low surrogate", str("a\xED\xB8\x80"), "<>"},
+        {"surrogates in the wrong order", str("\xED\xB8\x80\xED\xA0\xBD"), "<>"},
+        {"sequence cut short", str("\xE2\x82"), "<>"},
+        {"raw NUL", str(std::string("a\0b", 3)), "<>"},
+        {"surrogate pair", str("\xED\xA0\xBD\xED\xB8\x80"), "'\xF0\x9F\x98\x80'"},
+        {"digits past the limit", str(" -" + digits + " "), "' -" + digits + " '"},
+        {"underscores and blanks", str(" -1_000 "), "-1000"},
+        {"octal with a blank", str("017 "), "'017 '"},
+        {"float with leading zeros", str("007.10"), "7.1"},
         // Integers without text convert as their digits would.
-        {Tcl_NewWideIntObj(0), "0"}, {Tcl_NewWideIntObj(-15), "-15"},
-        {Tcl_NewWideIntObj(INT64_MIN), "-9223372036854775808"}, {octal, "'-017'"},
+        {"pure zero", Tcl_NewWideIntObj(0), "0"},
+        {"pure negative", Tcl_NewWideIntObj(-15), "-15"},
+        {"pure minimum", Tcl_NewWideIntObj(INT64_MIN), "-9223372036854775808"},
+        {"octal text with an integer", octal, "'-017'"},
         // A failed item is printed and ends its list, but not the lists around it.
-        {list({str("a"), str("\xC0\x80"), str("c")}), "['a']"},
-        {list({list({str("1"), str("\xC0\x80")}), str("2")}), "[[1], 2]"}};
-    for (auto& [value, expected] : cases) EXPECT_EQ(python(value), expected);
+        {"failed item", list({str("a"), str("\xC0\x80"), str("c")}), "['a']"},
+        {"failed inner item", list({list({str("1"), str("\xC0\x80")}), str("2")}), "[[1], 2]"}};
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(python(row.value), row.expected);
+    }
     EXPECT_NE(py("sys.stderr.getvalue()").stdstr().find("ValueError"), std::string::npos);
 }
 
@@ -155,7 +162,9 @@ TEST(DetachedCopy, SharesNoObjectAndFailsOnlyBeyondTheDepthLimitAsConversionDoes
     Tcl_Obj* deep = str("x");
     for (int i = 0; i < max_depth; ++i) deep = list({deep});
     SmartTclObj atLimit(deep), beyond(list({deep}));
-    EXPECT_TRUE(SmartTclObj(detachedCopy(atLimit.get())) && fromTcl(atLimit.get()));
+    const SmartTclObj copyAtLimit(detachedCopy(atLimit.get()));
+    EXPECT_TRUE(copyAtLimit);
+    EXPECT_TRUE(fromTcl(atLimit.get()));
     EXPECT_EQ(detachedCopy(beyond.get()), nullptr);
     EXPECT_EQ(repr(fromTcl(beyond.get())), "<RecursionError>");
     PyErr_Clear();
