@@ -383,7 +383,7 @@ PyObject* CallWords::callWith(PyObject* callable) const {
     for (; converted < count_; ++converted) {
         const Word& word = words_[converted];
         if (word.too_deep) {
-            PyErr_SetString(PyExc_RecursionError, "value nested too deeply to convert");
+            PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
             break;
         }
         SmartPyObj value =
@@ -393,7 +393,7 @@ PyObject* CallWords::callWith(PyObject* callable) const {
                                                               word.length);
         if (!value) {
             if (!PyErr_Occurred())
-                PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
+                PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);
             break;
         }
         arguments[converted] = value.release();
