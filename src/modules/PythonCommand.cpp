@@ -305,10 +305,9 @@ PyObject* callAtTopLevel(PyObject* callable, PyObject* const* arguments, int cou
 
 } // namespace
 
-CallWords::CallWords(int count, Tcl_Obj* const words[]) : count_(count < 0 ? 0 : count) {
-    if (count_ > inline_count) more_.resize(static_cast<std::size_t>(count_));
-    words_ = count_ > inline_count ? more_.data() : inline_;
-    for (int i = 0; i < count_; ++i) {
+CallWords::CallWords(int count, Tcl_Obj* const words[]) : words_(count) {
+    if (!words_.data()) throw std::bad_alloc(); // the command's guard reports it
+    for (int i = 0; i < words_.size(); ++i) {
         Tcl_Obj* word = words[i];
         Word& out = words_[i];
         if (word->typePtr == tcl_convert::listType() || word->typePtr == tcl_convert::dictType()) {
@@ -329,21 +328,16 @@ CallWords::CallWords(int count, Tcl_Obj* const words[]) : count_(count < 0 ? 0 :
 }
 
 CallWords::~CallWords() {
-    for (int i = 0; i < count_; ++i)
+    for (int i = 0; i < words_.size(); ++i)
         if (words_[i].copy) Tcl_DecrRefCount(words_[i].copy);
 }
 
 PyObject* CallWords::callWith(PyObject* callable) const {
-    constexpr int stack_count = 8;
-    PyObject* onStack[stack_count];
-    std::vector<PyObject*> onHeap;
-    PyObject** arguments = onStack;
-    if (count_ > stack_count) {
-        onHeap.resize(static_cast<std::size_t>(count_));
-        arguments = onHeap.data();
-    }
+    const int count = words_.size();
+    SmallArray<PyObject*, 8> arguments(count);
+    if (!arguments.data()) return PyErr_NoMemory();
     int converted = 0;
-    for (; converted < count_; ++converted) {
+    for (; converted < count; ++converted) {
         const Word& word = words_[converted];
         if (word.too_deep) {
             PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
@@ -362,10 +356,11 @@ PyObject* CallWords::callWith(PyObject* callable) const {
         arguments[converted] = value.release();
     }
     PyObject* result = nullptr;
-    if (converted == count_ && readsCallerFrame(callable))
-        result = callAtTopLevel(callable, arguments, count_);
-    else if (converted == count_)
-        result = PyObject_Vectorcall(callable, arguments, static_cast<std::size_t>(count_), nullptr);
+    if (converted == count && readsCallerFrame(callable))
+        result = callAtTopLevel(callable, arguments.data(), count);
+    else if (converted == count)
+        result = PyObject_Vectorcall(callable, arguments.data(), static_cast<std::size_t>(count),
+                                     nullptr);
     for (int i = 0; i < converted; ++i) Py_DECREF(arguments[i]);
     return result;
 }

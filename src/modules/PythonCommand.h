@@ -3,10 +3,10 @@
 // as its arguments (::pytarn::call).
 #pragma once
 
+#include "SmallArray.h"
 #include "event/State.h"
 
 #include <string>
-#include <vector>
 
 namespace pytarn {
 
@@ -76,11 +76,7 @@ private:
         bool is_integer = false;
         bool too_deep = false;
     };
-    static constexpr int inline_count = 6;
-    int count_;
-    Word inline_[inline_count];
-    std::vector<Word> more_;
-    Word* words_;
+    SmallArray<Word, 6> words_;
     std::string text_;
 };
 
