@@ -19,6 +19,7 @@ std::string nativeText(Tcl_Obj* text) {
     return "os.fsdecode(" + bytes + ")";
 }
 
+// The bridge writes its own start-up failures alike; a host sees only include/, so keeps its own.
 void report(Tcl_Interp* interp) {
     if (Tcl_Channel err = Tcl_GetStdChannel(TCL_STDERR)) {
         Tcl_Obj* message = Tcl_ObjPrintf("pytarnsh: %s\n", Tcl_GetStringResult(interp));
