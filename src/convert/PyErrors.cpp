@@ -4,16 +4,24 @@
 
 namespace pytarn {
 
+TakenError takeError() {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    TakenError error;
+    error.type = SmartPyObj(type);
+    error.value = SmartPyObj(value);
+    error.traceback = SmartPyObj(traceback);
+    return error;
+}
+
 void printPythonError() {
     if (!PyErr_Occurred()) return;
     if (PyErr_ExceptionMatches(PyExc_SystemExit)) {
-        PyObject* type = nullptr;
-        PyObject* value = nullptr;
-        PyObject* traceback = nullptr;
-        PyErr_Fetch(&type, &value, &traceback);
-        PyErr_NormalizeException(&type, &value, &traceback);
-        SmartPyObj ownedType(type), ownedValue(value), ownedTraceback(traceback);
-        PyErr_Display(type, value, traceback);
+        const TakenError error = takeError();
+        PyErr_Display(error.type.get(), error.value.get(), error.traceback.get());
     } else {
         PyErr_Print();
     }

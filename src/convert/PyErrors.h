@@ -5,6 +5,7 @@
 #include <Python.h>
 
 #include "Guard.h"
+#include "SmartObj.h"
 
 namespace pytarn {
 
@@ -12,6 +13,15 @@ namespace pytarn {
 // a bare PyErr_Print it never ends the process on SystemExit: only a request
 // may do that, and then through the host. Interpreter lock held.
 void printPythonError();
+
+// The pending Python error, taken (none is left set) and normalised; a part
+// may be empty. Interpreter lock held.
+struct TakenError {
+    SmartPyObj type;
+    SmartPyObj value;
+    SmartPyObj traceback;
+};
+TakenError takeError();
 
 // The exit code Python would use for an unhandled SystemExit `value`; the
 // message of a non-integer code is written to sys.stderr as Python does.

@@ -93,13 +93,7 @@ void flushStream(const char* name) {
 void endForkedChild() {
     int code = 0;
     if (PyErr_ExceptionMatches(PyExc_SystemExit)) {
-        PyObject* type = nullptr;
-        PyObject* value = nullptr;
-        PyObject* traceback = nullptr;
-        PyErr_Fetch(&type, &value, &traceback);
-        PyErr_NormalizeException(&type, &value, &traceback);
-        SmartPyObj ownedType(type), ownedValue(value), ownedTraceback(traceback);
-        code = systemExitCode(value);
+        code = systemExitCode(takeError().value.get());
     } else if (PyErr_Occurred()) {
         printPythonError();
         code = 1;
