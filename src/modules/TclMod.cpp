@@ -139,6 +139,7 @@ PyMethodDef tclmod_methods[] = {
 PyModuleDef tclmod_definition = {
     PyModuleDef_HEAD_INIT,
     "TclMod",
+    // Kept as written, typo included.
     "A module to contain hooks tot he Orvanta tcl interpreter",
     0,
     tclmod_methods,
@@ -150,6 +151,7 @@ PyModuleDef tclmod_definition = {
 
 } // namespace
 
+// The API version 1013 and the message, which names Orvanta, are kept as written.
 extern "C" PyObject* PyInit_TclMod(void) {
     PyObject* module = PyModule_Create2(&tclmod_definition, 1013);
     if (!module) std::cerr << "failed to init the Orvanta module\n";
