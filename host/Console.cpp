@@ -9,6 +9,7 @@
 // discards the line); otherwise they are read from Tcl's stdin channel, so that
 // input Tcl has already buffered (a piped session) reaches the console in order.
 #include "HostCommands.h"
+#include "PythonEnvironment.h"
 
 #include <unistd.h>
 
@@ -57,14 +58,7 @@ Tcl_Obj* text(const std::string& s) { return Tcl_NewStringObj(s.data(), static_c
 
 // A Python expression that evaluates to the str SOURCE whatever characters it holds.
 std::string pythonString(const std::string& source) {
-    static const char digits[] = "0123456789abcdef";
-    std::string hex;
-    hex.reserve(source.size() * 2);
-    for (unsigned char c : source) {
-        hex += digits[c >> 4];
-        hex += digits[c & 15];
-    }
-    return "bytes.fromhex('" + hex + "').decode('utf-8', 'replace')";
+    return pythonBytes(source.data(), source.size()) + ".decode('utf-8', 'replace')";
 }
 
 // Lines from Tcl's stdin channel, waiting in the event loop.

@@ -99,25 +99,14 @@ def _invoke(number, call):
     return function(*words)
 
 
-class _Quitter:
-    """exit and quit as Python's prompt knows them: calling one raises SystemExit."""
-
-    def __init__(self, name):
-        self._name = name
-
-    def __repr__(self):
-        return "Use %s() or Ctrl-D (i.e. EOF) to exit" % self._name
-
-    def __call__(self, code=None):
-        raise SystemExit(code)
-
-
 def consoleStart():
     """Makes exit and quit built-in names, as Python's site module would in a plain
-    interpreter, and returns the banner of pytarnsh's Python console."""
+    interpreter, and returns the banner of pytarnsh's Python console. The bridge
+    normally made them at start-up; they are the bridge's own, so they behave alike."""
+    from _pytarn_env import _Quitter
     for name in ("exit", "quit"):
         if not hasattr(builtins, name):
-            setattr(builtins, name, _Quitter(name))
+            setattr(builtins, name, _Quitter(name, "Ctrl-D (i.e. EOF)"))
     return ("Python %s on %s\nexit() or end of file (Ctrl-D) returns to Tcl."
             % (sys.version, sys.platform))
 

@@ -11,19 +11,15 @@ namespace {
 // A Python expression for the Tcl text TEXT in the system's encoding, decoded
 // as Python decodes its own command line.
 std::string nativeText(Tcl_Obj* text) {
-    static const char digits[] = "0123456789abcdef";
     Tcl_DString native;
     Tcl_UtfToExternalDString(nullptr, Tcl_GetString(text), -1, &native);
-    std::string hex;
-    for (int i = 0; i < Tcl_DStringLength(&native); ++i) {
-        const auto byte = static_cast<unsigned char>(Tcl_DStringValue(&native)[i]);
-        hex += digits[byte >> 4];
-        hex += digits[byte & 15];
-    }
+    const std::string bytes = pythonBytes(Tcl_DStringValue(&native),
+                                          static_cast<std::size_t>(Tcl_DStringLength(&native)));
     Tcl_DStringFree(&native);
-    return "os.fsdecode(bytes.fromhex('" + hex + "'))";
+    return "os.fsdecode(" + bytes + ")";
 }
 
+// The bridge writes its own start-up failures alike; a host sees only include/, so keeps its own.
 void report(Tcl_Interp* interp) {
     if (Tcl_Channel err = Tcl_GetStdChannel(TCL_STDERR)) {
         Tcl_Obj* message = Tcl_ObjPrintf("pytarnsh: %s\n", Tcl_GetStringResult(interp));
@@ -54,6 +50,18 @@ std::string argumentsCode(Tcl_Interp* interp) {
 }
 
 } // namespace
+
+std::string pythonBytes(const char* data, std::size_t length) {
+    static const char digits[] = "0123456789abcdef";
+    std::string hex;
+    hex.reserve(length * 2);
+    for (std::size_t i = 0; i < length; ++i) {
+        const auto byte = static_cast<unsigned char>(data[i]);
+        hex += digits[byte >> 4];
+        hex += digits[byte & 15];
+    }
+    return "bytes.fromhex('" + hex + "')";
+}
 
 void preparePython(Tcl_Interp* interp) {
     Tcl_Obj* words[] = {Tcl_NewStringObj("::python::exec", -1),

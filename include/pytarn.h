@@ -46,7 +46,8 @@ PYTARN_EXPORT int Pytarn_UseVirtualEnv(struct Tcl_Interp* interp);
 
 /* Asks the helper module's makeFunction(first, second) to create a function.
  * Returns the Tcl completion code and leaves the result in the interpreter
- * given to `load`. `second` may be null (passed on as ""). */
+ * given to `load`. `second` may be null (passed on as ""). `first` is the
+ * command's name and `second` its expression; the names are kept as written. */
 PYTARN_EXPORT int createFunction(const char* first, const char* second);
 
 /* Interrupts the Python request that is running now, if any: the innermost

@@ -4,24 +4,28 @@
 
 namespace pytarn {
 
-void printPythonError() {
-    if (!PyErr_Occurred()) return;
-    if (PyErr_ExceptionMatches(PyExc_SystemExit)) {
-        FetchedError error = fetchNormalizedError();
-        PyErr_Display(error.type.get(), error.value.get(), error.traceback.get());
-    } else {
-        PyErr_Print();
-    }
-    PyErr_Clear();
-}
-
-FetchedError fetchNormalizedError() {
+TakenError takeError() {
     PyObject* type = nullptr;
     PyObject* value = nullptr;
     PyObject* traceback = nullptr;
     PyErr_Fetch(&type, &value, &traceback);
     PyErr_NormalizeException(&type, &value, &traceback);
-    return FetchedError{SmartPyObj(type), SmartPyObj(value), SmartPyObj(traceback)};
+    TakenError error;
+    error.type = SmartPyObj(type);
+    error.value = SmartPyObj(value);
+    error.traceback = SmartPyObj(traceback);
+    return error;
+}
+
+void printPythonError() {
+    if (!PyErr_Occurred()) return;
+    if (PyErr_ExceptionMatches(PyExc_SystemExit)) {
+        const TakenError error = takeError();
+        PyErr_Display(error.type.get(), error.value.get(), error.traceback.get());
+    } else {
+        PyErr_Print();
+    }
+    PyErr_Clear();
 }
 
 int systemExitCode(PyObject* value) {

@@ -14,14 +14,14 @@ namespace pytarn {
 // may do that, and then through the host. Interpreter lock held.
 void printPythonError();
 
-// The pending Python error, taken out and normalised; each part owned, any
-// of them possibly empty. No error is set afterwards. Interpreter lock held.
-struct FetchedError {
+// The pending Python error, taken (none is left set) and normalised; a part
+// may be empty. Interpreter lock held.
+struct TakenError {
     SmartPyObj type;
     SmartPyObj value;
     SmartPyObj traceback;
 };
-FetchedError fetchNormalizedError();
+TakenError takeError();
 
 // The exit code Python would use for an unhandled SystemExit `value`; the
 // message of a non-integer code is written to sys.stderr as Python does.

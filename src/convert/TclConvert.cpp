@@ -38,7 +38,7 @@ public:
     bool tooDeep() const {
         if (depth <= tcl_convert::max_depth) return false;
         if (!PyErr_Occurred())
-            PyErr_SetString(PyExc_RecursionError, "value nested too deeply to convert");
+            PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
         return true;
     }
 };
@@ -319,7 +319,7 @@ SmartPyObj fromTclList(Tcl_Obj* value) {
         if (!item && recursionPending()) return SmartPyObj();
         if (!item) {
             if (!PyErr_Occurred())
-                PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
+                PyErr_SetString(PyExc_ValueError, not_converted_message);
             printPythonError();
             // What was converted so far; the empty slots go.
             PyList_SetSlice(list.get(), i, count, nullptr);
@@ -357,7 +357,7 @@ SmartPyObj fromTclDict(Tcl_Obj* value) {
     Tcl_DictObjDone(&search);
     if (failed) {
         if (!PyErr_Occurred())
-            PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
+            PyErr_SetString(PyExc_ValueError, not_converted_message);
         printPythonError();
     }
     return dict;

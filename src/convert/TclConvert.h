@@ -19,6 +19,10 @@ using pytarn::SmartPyObj;
 // Containers nested deeper than this fail with RecursionError instead of
 // exhausting the stack (a self-containing value would recurse for ever).
 constexpr int max_depth = 1000;
+// The messages of the ValueError for a value that did not convert and of the
+// RecursionError for one nested deeper than max_depth.
+constexpr const char* not_converted_message = "Could not convert tcl value to python value";
+constexpr const char* too_deep_message = "value nested too deeply to convert";
 
 // Tcl's registered list and dict types: the internal form that decides how a
 // Tcl value converts.

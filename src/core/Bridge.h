@@ -15,7 +15,8 @@ int init();
 namespace python {
 PyObject* eval(const char* code);
 PyObject* exec(const char* code);
-bool execNoResult(const char* code); // true when it failed (error left set)
+// True when it failed (error left set); the name and that sense are kept as written.
+bool execNoResult(const char* code);
 PyObject* check(const char* text);
 PyObject* tabComplete(const char* text);
 PyObject* get(const char* expression);

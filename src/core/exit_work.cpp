@@ -4,9 +4,7 @@
 // Python's finalisation happens. The work runs as a request on a Python
 // thread while the Tcl thread, still in its exit handler, carries out the
 // Tcl requests of the handlers (their output too) and waits within a bound.
-#include "ExitWork.h"
-#include "Bridge.h"
-#include "Interrupts.h"
+#include "Environment.h"
 
 #include "convert/PyErrors.h"
 
@@ -95,7 +93,7 @@ void flushStream(const char* name) {
 void endForkedChild() {
     int code = 0;
     if (PyErr_ExceptionMatches(PyExc_SystemExit)) {
-        code = systemExitCode(fetchNormalizedError().value.get());
+        code = systemExitCode(takeError().value.get());
     } else if (PyErr_Occurred()) {
         printPythonError();
         code = 1;

@@ -87,6 +87,7 @@ bool startInterpreter() {
     config.user_site_directory = 0;
     config.write_bytecode = 0;
     config.site_import = 0;
+    // The program name is kept as written, whatever the Python's version.
     PyStatus status = PyConfig_SetString(&config, &config.program_name, L"python35");
     if (!PyStatus_Exception(status))
         status = PyConfig_SetString(&config, &config.home, L"python");

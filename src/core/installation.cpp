@@ -1,31 +1,14 @@
 #include "Installation.h"
 
-#include <string>
-#include <unistd.h>
+#include "modules/EnvironmentMod.h"
 
 namespace pytarn {
 
-namespace {
-
 namespace fs = std::filesystem;
-
-// The installation's program, as the installation names it (a link is kept as
-// a link, as a virtual environment's bin/python is); empty when it has none.
-fs::path findExecutable(const fs::path& home) {
-    const std::string version =
-        "python" + std::to_string(PY_MAJOR_VERSION) + "." + std::to_string(PY_MINOR_VERSION);
-    for (const std::string& name : {version, std::string("python3"), std::string("python")}) {
-        const fs::path program = home / "bin" / name;
-        if (access(program.c_str(), X_OK) == 0) return program;
-    }
-    return {};
-}
-
-} // namespace
 
 PyStatus describeInstallation(PyConfig* config, const fs::path& root) {
     const fs::path python = (root / "python").lexically_normal();
-    const fs::path executable = findExecutable(python);
+    const fs::path executable = environment::findProgram(python);
     if (executable.empty()) return PyStatus_Ok();
     // The home stays the fixed one; the base prefixes and the standard
     // library's directory are named outright, because Python 3.11 would take

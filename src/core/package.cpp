@@ -44,7 +44,7 @@ int fail(Tcl_Interp* interp, const char* code, Tcl_Obj* message) {
 
 // An activated virtual environment's packages come after start-up, which stays
 // the same for every host. A failure leaves the bridge usable and is reported
-// on stderr.
+// on stderr (pytarnsh writes its own failures alike, with its own copy of this).
 void useVirtualEnv(Tcl_Interp* interp) {
     if (Pytarn_UseVirtualEnv(interp) == TCL_OK) return;
     if (Tcl_Channel err = Tcl_GetStdChannel(TCL_STDERR)) {

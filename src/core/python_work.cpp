@@ -103,13 +103,13 @@ PyObject* get(const char* expression) {
 
 PyObject* set(const char* target, SmartTclObj* value) {
     if (!*value) {
-        PyErr_SetString(PyExc_RecursionError, "value nested too deeply to convert");
+        PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
         return nullptr;
     }
     SmartPyObj converted = tcl_convert::fromTcl(value->get());
     if (!converted) {
         if (!PyErr_Occurred())
-            PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
+            PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);
         return nullptr;
     }
     if (python_state.tcl &&

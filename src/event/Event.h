@@ -202,7 +202,7 @@ private:
 // A first-in first-out queue of bare pointers. The first few entries sit in
 // the same cache line as the lock, so that handing one request over moves
 // one line between the cores; a longer queue (many Python threads calling at
-// once) goes on in a deque behind them.
+// once) goes on in a deque behind them. The odd name is kept as written.
 template <typename T>
 class alignas(cache_line) _LockedQueueT {
 public:
@@ -364,7 +364,7 @@ public:
     // (as abandoned), so that their requesters may go on and end.
     void releaseCarried();
     // Tcl thread: the whole call into Python; returns the Tcl code and sets
-    // the interpreter result.
+    // the interpreter result. `spin` is kept as written: it waits in waitFor.
     int spin(PyEvent* ev);
     static int postProcess(PyEvent* ev);
     // Python thread, lock held: the whole call into Tcl; a new reference, or

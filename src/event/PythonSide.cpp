@@ -131,13 +131,13 @@ PyObject* EventMgr::postProcess(TclEvent* ev) {
         return nullptr;
     }
     if (ev->too_deep) {
-        PyErr_SetString(PyExc_RecursionError, "value nested too deeply to convert");
+        PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
         return nullptr;
     }
     if (!ev->result) Py_RETURN_NONE;
     SmartPyObj value = tcl_convert::fromTcl(ev->result.get());
     if (!value && !PyErr_Occurred())
-        PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
+        PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);
     return value.release();
 }
 

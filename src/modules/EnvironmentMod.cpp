@@ -3,6 +3,9 @@
 // and .pth processing), which reads best in Python itself.
 #include "EnvironmentMod.h"
 
+#include <string>
+#include <unistd.h>
+
 namespace pytarn::environment {
 
 namespace {
@@ -172,12 +175,7 @@ def use_virtual_env(prefix):
     sys.path[:] = kept[:at] + added + kept[at:]
     _environments_used.add(prefix)
     sys.prefix = sys.exec_prefix = prefix
-    for name in (version, 'python3', 'python'):
-        program = os.path.join(prefix, 'bin', name)
-        if os.access(program, os.X_OK):
-            sys.executable = program
-            break
-    return True
+    return True  # the caller then makes the environment's program sys.executable
 )py";
 
 PyModuleDef module_def = {
@@ -223,10 +221,30 @@ bool install() {
     return static_cast<bool>(result);
 }
 
+std::filesystem::path findProgram(const std::filesystem::path& prefix) {
+    const std::string version =
+        "python" + std::to_string(PY_MAJOR_VERSION) + "." + std::to_string(PY_MINOR_VERSION);
+    for (const std::string& name : {version, std::string("python3"), std::string("python")}) {
+        const std::filesystem::path program = prefix / "bin" / name;
+        if (access(program.c_str(), X_OK) == 0) return program;
+    }
+    return {};
+}
+
 PyObject* useVirtualEnv(const char* dir) {
     SmartPyObj path(PyUnicode_DecodeFSDefault(dir));
     if (!path) return nullptr;
-    return call("use_virtual_env", path.get());
+    SmartPyObj used(call("use_virtual_env", path.get()));
+    if (used.get() != Py_True) return used.release();
+    // The environment is sys.prefix now, made absolute.
+    PyObject* prefix = PySys_GetObject("prefix"); // borrowed
+    SmartPyObj prefixBytes(prefix ? PyUnicode_EncodeFSDefault(prefix) : nullptr);
+    if (!prefixBytes) return nullptr;
+    const std::filesystem::path program = findProgram(PyBytes_AS_STRING(prefixBytes.get()));
+    if (program.empty()) return used.release();
+    SmartPyObj executable(PyUnicode_DecodeFSDefault(program.c_str()));
+    if (!executable || PySys_SetObject("executable", executable.get()) != 0) return nullptr;
+    return used.release();
 }
 
 } // namespace pytarn::environment

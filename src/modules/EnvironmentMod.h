@@ -5,6 +5,8 @@
 
 #include "convert/SmartObj.h"
 
+#include <filesystem>
+
 namespace pytarn::environment {
 
 // Adds the module to the interpreter's built-in modules; before Python starts.
@@ -16,6 +18,11 @@ void registerModule();
 // the search path's directory of the standard library. Python thread,
 // interpreter lock held; false with the Python error left set on failure.
 bool install();
+
+// The program of the Python installation or virtual environment PREFIX, as
+// it names it (a link stays a link): bin/python3.x, bin/python3 or bin/python,
+// the first that may be run; empty when there is none. Any thread.
+std::filesystem::path findProgram(const std::filesystem::path& prefix);
 
 // Puts the packages of the virtual environment in the directory DIR (native
 // text) ahead of the system's, with their .pth files processed, and makes the

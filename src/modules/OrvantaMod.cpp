@@ -195,6 +195,7 @@ void findHostLibrary() {
 
 } // namespace pytarn::buffer
 
+// The API version 1013 and the message are kept as written.
 extern "C" PyObject* PyInit_Orvanta(void) {
     PyObject* module = PyModule_Create2(&pytarn::buffer::orvanta_definition, 1013);
     if (!module) std::printf("failed to init the Orvanta module\n");

@@ -26,12 +26,13 @@ bool isPlainLambda(const char* expression, PyObject* value) {
 
 // Whether a name of the path is a keyword (`None`, `True`): then it is an
 // expression after all.
-bool holdsKeyword(const std::vector<SmartPyObj>& names) {
+bool holdsKeyword(PyObject* names) {
     SmartPyObj module(PyImport_ImportModule("keyword"));
     SmartPyObj test(module ? PyObject_GetAttrString(module.get(), "iskeyword") : nullptr);
     bool found = false;
-    for (const SmartPyObj& name : names) {
-        SmartPyObj answer(test ? PyObject_CallOneArg(test.get(), name.get()) : nullptr);
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(names); ++i) {
+        PyObject* name = PyTuple_GET_ITEM(names, i);
+        SmartPyObj answer(test ? PyObject_CallOneArg(test.get(), name) : nullptr);
         if (answer && PyObject_IsTrue(answer.get()) == 1) found = true;
     }
     PyErr_Clear();
@@ -45,35 +46,6 @@ SmartPyObj pythonText(const char* text) {
         PyErr_Format(PyExc_ValueError, "not a text Python can read: \"%s\"", text);
     return str;
 }
-
-} // namespace
-
-std::vector<SmartPyObj> splitPath(const char* path) {
-    std::vector<SmartPyObj> names;
-    SmartPyObj text = pythonText(path);
-    if (!text) return names;
-    SmartPyObj parts(PyUnicode_Split(text.get(), nullptr, -1));
-    SmartPyObj dot(PyUnicode_FromString("."));
-    if (parts && PyList_GET_SIZE(parts.get()) == 1) parts = PyUnicode_Split(text.get(), dot.get(), -1);
-    else parts.reset(); // blanks: not a path
-    if (!parts) {
-        if (!PyErr_Occurred())
-            PyErr_Format(PyExc_ValueError, "not a dotted name: \"%s\"", path);
-        return names;
-    }
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(parts.get()); ++i) {
-        PyObject* name = PyList_GET_ITEM(parts.get(), i);
-        if (!PyUnicode_IsIdentifier(name)) {
-            names.clear();
-            PyErr_Format(PyExc_ValueError, "not a dotted name: \"%s\"", path);
-            return names;
-        }
-        names.push_back(SmartPyObj::borrow(name));
-    }
-    return names;
-}
-
-namespace {
 
 // A new reference to the global `name` of __main__, else the built-in of
 // that name; null with NameError set.
@@ -89,21 +61,6 @@ PyObject* lookUpName(PyObject* name) {
     return Py_XNewRef(found);
 }
 
-} // namespace
-
-PyObject* lookUpPath(const std::vector<SmartPyObj>& names) {
-    if (names.empty()) {
-        PyErr_SetString(PyExc_ValueError, "an empty name");
-        return nullptr;
-    }
-    SmartPyObj value(lookUpName(names.front().get()));
-    for (std::size_t i = 1; value && i < names.size(); ++i)
-        value = PyObject_GetAttr(value.get(), names[i].get());
-    return value.release();
-}
-
-namespace {
-
 // The names of the path looked up last, as a tuple of interned strs: a loop
 // that calls the same callable by name splits and decodes its path once. Only
 // the names are kept, never what they name, so every call looks them up
@@ -118,8 +75,9 @@ LastPath& lastPath() {
     return *last;
 }
 
-// A new tuple of the interned names of PATH, or null with an error set.
-PyObject* splitPath(const char* path, int length) {
+// A tuple of the interned names of the dotted path PATH (LENGTH bytes of Tcl
+// text); empty, with ValueError set, when it is not one.
+SmartPyObj splitPath(const char* path, int length) {
     const char* const end = path + length;
     SmartPyObj names(PyList_New(0));
     for (const char* start = path; names;) {
@@ -129,16 +87,28 @@ PyObject* splitPath(const char* path, int length) {
         if (!name || !PyUnicode_IsIdentifier(name.get())) {
             if (!PyErr_Occurred())
                 PyErr_Format(PyExc_ValueError, "not a dotted name: \"%s\"", path);
-            return nullptr;
+            return SmartPyObj();
         }
         PyObject* raw = name.release();
         PyUnicode_InternInPlace(&raw);
         name = SmartPyObj(raw);
-        if (PyList_Append(names.get(), name.get()) != 0) return nullptr;
-        if (dot == end) return PyList_AsTuple(names.get());
+        if (PyList_Append(names.get(), name.get()) != 0) return SmartPyObj();
+        if (dot == end) return SmartPyObj(PyList_AsTuple(names.get()));
         start = dot + 1;
     }
-    return nullptr;
+    return SmartPyObj();
+}
+
+// What the non-empty tuple NAMES names from __main__ (its first name may also
+// be a built-in); a new reference, or null with NameError or AttributeError
+// set.
+PyObject* lookUpPath(PyObject* names) {
+    // Held by the caller: a lookup may run Python code that drops other
+    // references to the names (the cache of lookUpDotted).
+    SmartPyObj value(lookUpName(PyTuple_GET_ITEM(names, 0)));
+    for (Py_ssize_t i = 1; value && i < PyTuple_GET_SIZE(names); ++i)
+        value = PyObject_GetAttr(value.get(), PyTuple_GET_ITEM(names, i));
+    return value.release();
 }
 
 } // namespace
@@ -150,16 +120,12 @@ PyObject* lookUpDotted(const char* path, int length) {
         std::memcmp(last.path.data(), path, static_cast<std::size_t>(length)) == 0) {
         names = last.names;
     } else {
-        names = SmartPyObj(splitPath(path, length));
+        names = splitPath(path, length);
         if (!names) return nullptr;
         last.path.assign(path, static_cast<std::size_t>(length));
         last.names = names;
     }
-    // Held by `names`: a lookup may run Python code that replaces last.names.
-    SmartPyObj value(lookUpName(PyTuple_GET_ITEM(names.get(), 0)));
-    for (Py_ssize_t i = 1; value && i < PyTuple_GET_SIZE(names.get()); ++i)
-        value = PyObject_GetAttr(value.get(), PyTuple_GET_ITEM(names.get(), i));
-    return value.release();
+    return lookUpPath(names.get());
 }
 
 PythonCommand* PythonCommand::forCallable(PyObject* callable) {
@@ -178,19 +144,19 @@ PythonCommand* PythonCommand::forExpression(const char* name, const char* expres
     const char* stripped = text ? PyUnicode_AsUTF8(text.get()) : nullptr;
     if (!stripped) return nullptr;
     SmartPyObj code;
-    std::vector<SmartPyObj> path;
+    SmartPyObj path;
     SmartPyObj value;
     if (!*stripped) {
-        // No expression: the global of the command's own name.
+        // No expression: the global of the command's own name, not split.
         SmartPyObj key = pythonText(name);
-        if (!key) return nullptr;
-        path.push_back(std::move(key));
-        value = lookUpPath(path);
+        if (key) path = PyTuple_Pack(1, key.get());
+        if (!path) return nullptr;
+        value = lookUpPath(path.get());
     } else {
         // A plain dotted name is looked up at each call, not evaluated.
-        path = splitPath(stripped);
-        if (!path.empty() && holdsKeyword(path)) path.clear();
-        if (path.empty()) {
+        path = splitPath(stripped, static_cast<int>(std::strlen(stripped)));
+        if (path && holdsKeyword(path.get())) path.reset();
+        if (!path) {
             PyErr_Clear();
             std::string file = "<function " + std::string(name) + ">";
             code = Py_CompileStringExFlags(stripped, file.c_str(), Py_eval_input, nullptr, -1);
@@ -198,7 +164,7 @@ PythonCommand* PythonCommand::forExpression(const char* name, const char* expres
             PyObject* globals = python_state.main_dict.get();
             value = PyEval_EvalCode(code.get(), globals, globals);
         } else {
-            value = lookUpPath(path);
+            value = lookUpPath(path.get());
         }
     }
     if (!value) return nullptr;
@@ -232,7 +198,7 @@ bool PythonCommand::install(Tcl_Interp* interp, const char* name) {
 void PythonCommand::releasePython() {
     callable_.reset();
     code_.reset();
-    path_.clear();
+    path_.reset();
 }
 
 int PythonCommand::invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
@@ -250,7 +216,7 @@ int PythonCommand::invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* con
                 PyObject* globals = python_state.main_dict.get();
                 target = PyEval_EvalCode(command->code_.get(), globals, globals);
             } else {
-                target = lookUpPath(command->path_);
+                target = lookUpPath(command->path_.get());
             }
             return target ? words.callWith(target.get()) : nullptr;
         });
@@ -283,12 +249,9 @@ void PythonCommand::unhold() {
         event_mgr->spin(&request);
         Tcl_RestoreInterpState(interp, saved);
     }
-    if (callable_ || code_ || !path_.empty()) {
-        (void)callable_.release();
-        (void)code_.release();
-        for (SmartPyObj& name : path_) (void)name.release();
-        path_.clear();
-    }
+    (void)callable_.release();
+    (void)code_.release();
+    (void)path_.release();
     delete this;
 }
 
@@ -342,10 +305,9 @@ PyObject* callAtTopLevel(PyObject* callable, PyObject* const* arguments, int cou
 
 } // namespace
 
-CallWords::CallWords(int count, Tcl_Obj* const words[]) : count_(count < 0 ? 0 : count) {
-    if (count_ > inline_count) more_.resize(static_cast<std::size_t>(count_));
-    words_ = count_ > inline_count ? more_.data() : inline_;
-    for (int i = 0; i < count_; ++i) {
+CallWords::CallWords(int count, Tcl_Obj* const words[]) : words_(count) {
+    if (!words_.data()) throw std::bad_alloc(); // the command's guard reports it
+    for (int i = 0; i < words_.size(); ++i) {
         Tcl_Obj* word = words[i];
         Word& out = words_[i];
         if (word->typePtr == tcl_convert::listType() || word->typePtr == tcl_convert::dictType()) {
@@ -366,24 +328,19 @@ CallWords::CallWords(int count, Tcl_Obj* const words[]) : count_(count < 0 ? 0 :
 }
 
 CallWords::~CallWords() {
-    for (int i = 0; i < count_; ++i)
+    for (int i = 0; i < words_.size(); ++i)
         if (words_[i].copy) Tcl_DecrRefCount(words_[i].copy);
 }
 
 PyObject* CallWords::callWith(PyObject* callable) const {
-    constexpr int stack_count = 8;
-    PyObject* onStack[stack_count];
-    std::vector<PyObject*> onHeap;
-    PyObject** arguments = onStack;
-    if (count_ > stack_count) {
-        onHeap.resize(static_cast<std::size_t>(count_));
-        arguments = onHeap.data();
-    }
+    const int count = words_.size();
+    SmallArray<PyObject*, 8> arguments(count);
+    if (!arguments.data()) return PyErr_NoMemory();
     int converted = 0;
-    for (; converted < count_; ++converted) {
+    for (; converted < count; ++converted) {
         const Word& word = words_[converted];
         if (word.too_deep) {
-            PyErr_SetString(PyExc_RecursionError, "value nested too deeply to convert");
+            PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
             break;
         }
         SmartPyObj value =
@@ -393,16 +350,17 @@ PyObject* CallWords::callWith(PyObject* callable) const {
                                                               word.length);
         if (!value) {
             if (!PyErr_Occurred())
-                PyErr_SetString(PyExc_ValueError, "Could not convert tcl value to python value");
+                PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);
             break;
         }
         arguments[converted] = value.release();
     }
     PyObject* result = nullptr;
-    if (converted == count_ && readsCallerFrame(callable))
-        result = callAtTopLevel(callable, arguments, count_);
-    else if (converted == count_)
-        result = PyObject_Vectorcall(callable, arguments, static_cast<std::size_t>(count_), nullptr);
+    if (converted == count && readsCallerFrame(callable))
+        result = callAtTopLevel(callable, arguments.data(), count);
+    else if (converted == count)
+        result = PyObject_Vectorcall(callable, arguments.data(), static_cast<std::size_t>(count),
+                                     nullptr);
     for (int i = 0; i < converted; ++i) Py_DECREF(arguments[i]);
     return result;
 }

@@ -3,10 +3,10 @@
 // as its arguments (::pytarn::call).
 #pragma once
 
+#include "SmallArray.h"
 #include "event/State.h"
 
 #include <string>
-#include <vector>
 
 namespace pytarn {
 
@@ -40,23 +40,19 @@ private:
 
     SmartPyObj callable_;                 // the fixed callable, or empty
     SmartPyObj code_;                     // an expression evaluated at each call, or empty
-    std::vector<SmartPyObj> path_;        // names looked up at each call, or empty
+    SmartPyObj path_;                     // a tuple of names looked up at each call, or empty
     int running_ = 0;                     // calls in progress; Tcl thread only
     bool deleted_ = false;                // Tcl thread only
 };
 
-// Python thread, lock held: the callable named by `path`, a dotted path from
-// __main__ (its first name may also be a built-in), or null with NameError
-// or AttributeError set.
-PyObject* lookUpPath(const std::vector<SmartPyObj>& names);
-// The same for the text of a Tcl word, split here.
+// Python thread, lock held: the callable named by the dotted path PATH
+// (LENGTH bytes of Tcl text) from __main__, its first name possibly a
+// built-in; a new reference, or null with ValueError (not a dotted name),
+// NameError or AttributeError set.
 PyObject* lookUpDotted(const char* path, int length);
-// Python thread, lock held: the names of a dotted path; empty, with
-// ValueError set, when it is not one.
-std::vector<SmartPyObj> splitPath(const char* path);
 
 // Tcl thread: the words of a call, each a detached copy that the Python side
-// may read while Tcl runs on. Null entries mean "too deeply nested".
+// may read while Tcl runs on; a word too deeply nested to copy is marked so.
 class CallWords {
 public:
     CallWords(int count, Tcl_Obj* const words[]);
@@ -80,11 +76,7 @@ private:
         bool is_integer = false;
         bool too_deep = false;
     };
-    static constexpr int inline_count = 6;
-    int count_;
-    Word inline_[inline_count];
-    std::vector<Word> more_;
-    Word* words_;
+    SmallArray<Word, 6> words_;
     std::string text_;
 };
 

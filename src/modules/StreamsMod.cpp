@@ -175,16 +175,9 @@ PyObject* write(PyObject* text, bool to_stderr) {
                      Py_TYPE(text)->tp_name);
         return nullptr;
     }
-    Py_ssize_t length = 0;
-    const char* utf8 = PyUnicode_AsUTF8AndSize(text, &length);
-    if (!utf8) return nullptr;
-    // Tcl's channels take C strings here; a NUL would cut the text short.
-    if (std::strlen(utf8) != static_cast<std::size_t>(length)) {
-        PyErr_SetString(PyExc_ValueError, "embedded null character");
-        return nullptr;
-    }
-    if (!python_api::output(to_stderr, utf8, static_cast<std::size_t>(length), true))
-        return nullptr;
+    std::size_t length = 0;
+    const char* utf8 = python_api::outputText(text, &length);
+    if (!utf8 || !python_api::output(to_stderr, utf8, length, true)) return nullptr;
     return PyLong_FromSsize_t(PyUnicode_GET_LENGTH(text));
 }
 

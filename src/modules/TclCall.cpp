@@ -5,10 +5,9 @@
 #include "event/State.h"
 #include "convert/TclConvert.h"
 #include "ForkedOutput.h"
+#include "SmallArray.h"
 
 #include <climits>
-#include <new>
-#include <vector>
 
 namespace pytarn::python_api {
 
@@ -27,26 +26,16 @@ void releaseWords(Tcl_Obj* const* words, int count) {
 }
 
 PyObject* callWordsOf(PyObject* const* args, int count) {
-    constexpr int inline_count = 8;
-    Tcl_Obj* inlineWords[inline_count];
-    std::vector<Tcl_Obj*> moreWords;
-    Tcl_Obj** words = inlineWords;
-    if (count > inline_count) {
-        try {
-            moreWords.resize(static_cast<std::size_t>(count));
-        } catch (const std::bad_alloc&) {
-            return PyErr_NoMemory();
-        }
-        words = moreWords.data();
-    }
+    SmallArray<Tcl_Obj*, 8> words(count);
+    if (!words.data()) return PyErr_NoMemory();
     for (int i = 0; i < count; ++i) {
         words[i] = wordOf(args[i]);
         if (PyErr_Occurred()) { // a str() that raised, a value nested too deeply
-            releaseWords(words, i + 1);
+            releaseWords(words.data(), i + 1);
             return nullptr;
         }
     }
-    return callWords(words, count);
+    return callWords(words.data(), count);
 }
 
 } // namespace

@@ -60,23 +60,29 @@ bool output(bool to_stderr, const char* text, std::size_t length, bool report) {
     return result && !(report && raisedWriteFailure(to_stderr));
 }
 
+const char* outputText(PyObject* text, std::size_t* length) {
+    Py_ssize_t size = 0;
+    const char* utf8 = PyUnicode_AsUTF8AndSize(text, &size);
+    if (!utf8) return nullptr;
+    *length = static_cast<std::size_t>(size);
+    if (std::strlen(utf8) == *length) return utf8;
+    PyErr_SetString(PyExc_ValueError, "embedded null character");
+    return nullptr;
+}
+
 namespace {
 
 PyObject* write(PyObject* args, bool to_stderr) {
     // print calls this twice a line: the common case skips the general
     // parser, which still gives every other argument its usual error.
-    const char* text = nullptr;
-    Py_ssize_t length = 0;
     PyObject* only = PyTuple_GET_SIZE(args) == 1 ? PyTuple_GET_ITEM(args, 0) : nullptr;
-    if (only && PyUnicode_Check(only))
-        text = PyUnicode_AsUTF8AndSize(only, &length);
-    if (!text || std::strlen(text) != static_cast<std::size_t>(length)) {
-        PyErr_Clear();
-        if (!PyArg_ParseTuple(args, "s", &text)) return nullptr;
-        length = static_cast<Py_ssize_t>(std::strlen(text));
+    if (!only || !PyUnicode_Check(only)) {
+        if (!PyArg_ParseTuple(args, "U", &only)) return nullptr;
     }
+    std::size_t length = 0;
+    const char* text = outputText(only, &length);
     // Never raises for a failed write: what TclMod promises. Streams do.
-    if (!output(to_stderr, text, static_cast<std::size_t>(length), false)) return nullptr;
+    if (!text || !output(to_stderr, text, length, false)) return nullptr;
     Py_RETURN_NONE;
 }
 
@@ -133,6 +139,7 @@ PyMethodDef tclmod_methods[] = {
 PyModuleDef tclmod_definition = {
     PyModuleDef_HEAD_INIT,
     "TclMod",
+    // Kept as written, typo included.
     "A module to contain hooks tot he Orvanta tcl interpreter",
     0,
     tclmod_methods,
@@ -144,6 +151,7 @@ PyModuleDef tclmod_definition = {
 
 } // namespace
 
+// The API version 1013 and the message, which names Orvanta, are kept as written.
 extern "C" PyObject* PyInit_TclMod(void) {
     PyObject* module = PyModule_Create2(&tclmod_definition, 1013);
     if (!module) std::cerr << "failed to init the Orvanta module\n";

@@ -20,6 +20,11 @@ PyObject* cross(event::TclEvent* request);
 // since its last write or flush fails this one (see raisedWriteFailure).
 bool output(bool to_stderr, const char* text, std::size_t length, bool report);
 
+// The UTF-8 text of the str TEXT for output, its length in bytes in LENGTH;
+// null, with ValueError set, when it holds a NUL, which Tcl's channels would
+// take as its end (or with the encoding's error set, a lone surrogate).
+const char* outputText(PyObject* text, std::size_t* length);
+
 // Raises the channel's failed write as OSError (BrokenPipeError and so on by
 // its errno) and returns true; false, with nothing raised, when none waits.
 bool raisedWriteFailure(bool to_stderr);
