@@ -4,7 +4,9 @@
 // Python's finalisation happens. The work runs as a request on a Python
 // thread while the Tcl thread, still in its exit handler, carries out the
 // Tcl requests of the handlers (their output too) and waits within a bound.
-#include "Environment.h"
+#include "ExitWork.h"
+#include "Bridge.h"
+#include "Interrupts.h"
 
 #include "convert/PyErrors.h"
 
