@@ -119,17 +119,6 @@ TEST(Notifier, HandOffsLoseNoWakeUp) {
     EXPECT_EQ(lost.load(), 0);
 }
 
-// Failing to convert its result, with no helper module to format the failure.
-TEST(PyEventService, FailuresBecomeTclErrorsAndLeaveNoPythonError) {
-    PyEvent ev([] { return py("type('B', (), {'__str__': lambda s: 1/0})()").release(); });
-    PythonEventQueue::serviceEvent(&ev);
-    EXPECT_TRUE(ev.done.load());
-    EXPECT_EQ(ev.status, TCL_ERROR);
-    EXPECT_FALSE(PyErr_Occurred());
-    EXPECT_STREQ(ev.result ? Tcl_GetString(ev.result.get()) : "",
-                 "ZeroDivisionError: division by zero");
-}
-
 // An interrupt landing between a request's end and the Tcl thread's return reaches nothing.
 TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
     RunningCalls& calls = pytarn::event_mgr->calls;
