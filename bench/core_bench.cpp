@@ -127,31 +127,33 @@ void BM_direct_copy_list(benchmark::State& state) {
 }
 
 // One round trip between two threads: hand the turn over, wait for it back,
-// through the bridge's Notifier and its way of waiting (generation, re-check,
-// broadcast).
+// the bridge's way: each side watches, then parks on a parker of its own,
+// and the other unparks it alone.
 void BM_notifier_round_trip(benchmark::State& state) {
     pytarn::event::Notifier notifier;
+    pytarn::event::Parker ours, theirs;
     std::atomic<int> turn{0}; // 1: the partner's, 0: ours, -1: partner stops
-    auto waitWhile = [&](int value) {
+    auto waitWhile = [&](pytarn::event::Parker& self, int value) {
         for (;;) {
             std::uint64_t seen = notifier.generation();
             int now = turn.load();
             if (now != value) return now;
-            notifier.waitChange(seen, std::chrono::seconds(1));
+            notifier.waitChange(self, seen, std::chrono::seconds(1),
+                                [&] { return turn.load() != value; });
         }
     };
-    auto pass = [&](int value) {
+    auto pass = [&](pytarn::event::Parker& other, int value) {
         turn.store(value);
-        notifier.notifyAll();
+        other.unpark();
     };
     std::thread partner([&] {
-        while (waitWhile(0) == 1) pass(0);
+        while (waitWhile(theirs, 0) == 1) pass(ours, 0);
     });
     for (auto _ : state) {
-        pass(1);
-        waitWhile(1);
+        pass(theirs, 1);
+        waitWhile(ours, 1);
     }
-    pass(-1);
+    pass(theirs, -1);
     partner.join();
 }
 

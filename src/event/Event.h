@@ -18,8 +18,9 @@
 //   one. So a nested request runs on the thread whose call it is nested in,
 //   which is blocked in that call: a lock it holds is held by the same thread.
 // - A request record lives in its requester's stack frame. The servicing
-//   thread writes the outcome, then stores `done`, then notifies; after the
-//   store it never touches the record again. A queue holds bare pointers and
+//   thread writes the outcome, then stores `done`, then unparks the requester
+//   (whose parker it found before the store); after the store it never
+//   touches the record again. A queue holds bare pointers and
 //   owns nothing. A TclEvent still queued may be taken back by its requester
 //   (shutdown, a deleted interpreter); once the Tcl thread has taken it, it
 //   completes it, and the requester waits for that, so an inbox never loses
@@ -33,10 +34,15 @@
 //   only its pieces; the notifier's mutex guards only its sleepers' condition
 //   variable. No two of them are held together and none is held while a
 //   request is carried out or output is written.
+// - Wake-ups go to the one thread they are for: pushing to a queue unparks
+//   the queue's owner, completing a request unparks its requester (the Tcl
+//   thread's parker for a PyEvent, the requester's inbox's for a TclEvent).
+//   The notifier's generation is bumped only for rare changes that any
+//   waiter may care about (shutdown, a deleted interpreter).
 // - Waits cannot miss a wake-up: a waiter reads the notifier's generation
-//   before it looks at its state, and sleeps only while the generation is
-//   unchanged. It may stop watching early when it sees its state change
-//   directly; the timed bounds are a safety net, not a mechanism.
+//   before it looks at its state, watches its state for a short while, then
+//   parks, raising its flag before it looks once more (see Parker). The
+//   timed bounds are a safety net, not a mechanism.
 #pragma once
 
 #include "convert/SmartObj.h"
@@ -133,12 +139,77 @@ struct alignas(cache_line) TclEvent {
     bool outlives_interp = false;
 };
 
-// The one wake-up channel shared by every waiter of both directions.
+// One thread's own wake-up. A thread whose watch has run out parks on its
+// parker; whoever makes the change it waits for unparks that one thread, and
+// when it is not asleep pays one fence and one look at a flag that only the
+// sleeper writes. No other waiter is roused: a wake-up that reaches threads
+// with nothing to do costs the machine their switches.
+class alignas(cache_line) Parker {
+public:
+    Parker();
+    ~Parker();
+    Parker(const Parker&) = delete;
+    Parker& operator=(const Parker&) = delete;
+
+    // Owner thread: sleeps until unpark(), `bound`, or ready(). The flag is
+    // raised before ready() is looked at, and an unpark() looks at the flag
+    // after its change, with a full fence on each side between the two: one
+    // of them sees the other, so no wake-up is lost.
+    template <typename Ready>
+    void park(std::chrono::microseconds bound, Ready ready) {
+        asleep_.store(true, std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_seq_cst);
+        if (!ready()) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            cond_.wait_for(lock, bound, [&] { return woken_ || ready(); });
+            if (woken_) learn(Clock::now() - woken_at_);
+            woken_ = false;
+        }
+        asleep_.store(false, std::memory_order_relaxed);
+    }
+    // Owner thread: how long a watch may last before the thread parks. A
+    // park costs the time from an unpark to running again, so watching
+    // longer than that never pays; it is measured at every wake-up: tens of
+    // microseconds on an idle machine, whose cores doze, a few on a busy
+    // one, where a watch would mostly keep the awaited thread off its core.
+    std::chrono::nanoseconds watchBound() const { return watch_bound_; }
+    // Any thread, once the change is published. A parker outlives every
+    // thread that may unpark it (see PythonEventQueue::own), so a late
+    // unpark at worst wakes its next owner once for nothing.
+    void unpark() {
+        std::atomic_thread_fence(std::memory_order_seq_cst);
+        if (asleep_.load(std::memory_order_relaxed)) wake();
+    }
+    // Unparks every parker there is: for the rare changes that concern all
+    // waiters (shutdown, a deleted interpreter), see Notifier::notifyAll.
+    static void unparkAll();
+
+    static constexpr std::chrono::nanoseconds min_watch{1000};
+    static constexpr std::chrono::nanoseconds max_watch{40000};
+
+private:
+    using Clock = std::chrono::steady_clock;
+    void wake();
+    // Moves the watch bound a quarter of the way to the wake-up just seen.
+    void learn(Clock::duration wake_up);
+
+    std::atomic<bool> asleep_{false};
+    std::mutex mutex_;
+    std::condition_variable cond_;
+    bool woken_ = false;            // guarded by mutex_
+    Clock::time_point woken_at_{};  // guarded by mutex_; when woken_ was set
+    std::chrono::nanoseconds watch_bound_ = max_watch; // owner thread only
+};
+
+// The wake-up for rare changes that any waiter may care about: start-up,
+// shutdown, a deleted interpreter, a thread that ended. Threads that have a
+// parker wait on it; the few waits that have none (stopping the thread, an
+// exit from another Tcl thread) sleep on the notifier's own condition.
 class Notifier {
 public:
     // Read before looking at the state you are about to wait for.
     std::uint64_t generation() const { return generation_.load(); }
-    // Wakes every waiter; call after the state change is published.
+    // Wakes every waiter, parked or not; call after the change is published.
     void notifyAll();
     // Returns once a notification newer than `seen` has come, or `bound` has
     // passed. It first watches the generation for up to `spin_bound` without
@@ -147,14 +218,23 @@ public:
     void waitChange(std::uint64_t seen, std::chrono::microseconds bound) {
         waitChange(seen, bound, [] { return false; });
     }
-    // The same, but the watch also ends as soon as `ready()` is true. A
-    // waiter that watches the very thing it waits for (a record's `done`, its
-    // own queue) sees it one cache-line hop sooner than through the
-    // generation, which its partner bumps only afterwards. `ready` must be
-    // cheap and take no lock; it is never called while asleep.
+    // The same, but the watch also ends as soon as `ready()` is true: the
+    // waiter watches the very thing it waits for (a record's `done`, its own
+    // queue). `ready` must be cheap and take no lock.
     template <typename Ready>
     void waitChange(std::uint64_t seen, std::chrono::microseconds bound, Ready ready) {
-        if (watch(seen, bound, ready)) sleep(seen, bound);
+        if (watch(seen, bound, ready, spin_bound)) sleep(seen, bound);
+    }
+    // The same for a thread with a parker of its own: it sleeps there, and
+    // only a change meant for it, or a notifyAll, wakes it.
+    // Its watch lasts as long as a park and wake-up of its own would.
+    template <typename Ready>
+    void waitChange(Parker& parker, std::uint64_t seen, std::chrono::microseconds bound,
+                    Ready ready) {
+        const auto watched = std::chrono::duration_cast<std::chrono::microseconds>(
+            std::min<std::chrono::nanoseconds>(parker.watchBound(), bound));
+        if (watch(seen, bound, ready, parker.watchBound()))
+            parker.park(bound - watched, [&] { return generation_.load() != seen || ready(); });
     }
 
     static constexpr std::chrono::microseconds spin_bound{40};
@@ -167,14 +247,16 @@ public:
 private:
     // True when the watch ran out without a change: the caller should sleep.
     template <typename Ready>
-    bool watch(std::uint64_t seen, std::chrono::microseconds bound, Ready ready) {
+    bool watch(std::uint64_t seen, std::chrono::microseconds bound, Ready ready,
+               std::chrono::nanoseconds limit) {
         using Clock = std::chrono::steady_clock;
-        const auto until = Clock::now() + std::min(bound, spin_bound);
+        const auto watched = std::min<std::chrono::nanoseconds>(bound, limit);
+        const auto until = Clock::now() + watched;
         for (unsigned round = 1; generation_.load() == seen; ++round) {
             if (ready()) return false;
             // Clock reads are cheap but not free: look every few rounds. No
             // sched_yield here: in a virtual machine it costs microseconds.
-            if (round % 16 == 0 && Clock::now() >= until) return bound > spin_bound;
+            if (round % 8 == 0 && Clock::now() >= until) return bound > watched;
             cpuRelax();
         }
         return false;
@@ -194,7 +276,8 @@ private:
     // counts itself in `sleepers_` (under `mutex`), then looks at the
     // generation. Both are sequentially consistent, so at least one of the
     // two sees the other's write: either the waiter does not sleep, or the
-    // notifier takes the mutex and wakes it. Nobody asleep, no system call.
+    // notifier takes the mutex and wakes it. The line is written only on
+    // rare changes, so watching it costs a waiter no traffic between cores.
     alignas(cache_line) std::atomic<std::uint64_t> generation_{0};
     std::atomic<int> sleepers_{0};
 };
@@ -291,13 +374,14 @@ private:
 };
 
 // A Python thread's inbox: the requests for Python that it alone carries out,
-// with the interpreter lock held. Today every push wakes every waiter; a
-// wake-up of its own thread alone would live here.
+// with the interpreter lock held. A push wakes that thread alone.
 class PythonEventQueue : public _LockedQueueT<PyEvent> {
 public:
     // The calling Python thread's inbox: the one it was given (useAsOwn), or
-    // one of its own, made at its first call into Tcl and gone with the
-    // thread, which cannot end while the Tcl thread carries its request.
+    // one lent to it at its first call into Tcl and given back when the
+    // thread ends, which it cannot do while the Tcl thread carries its
+    // request. Lent inboxes are never freed but lent again: the Tcl thread
+    // may still be unparking one whose thread has just seen its answer.
     static PythonEventQueue& own();
     // The calling thread's inbox is this one from now on.
     void useAsOwn();
@@ -316,6 +400,8 @@ public:
     // from the queue: at shutdown (left not done) or when the interpreter has
     // been deleted (refused). A request the Tcl thread has taken is waited for.
     void waitFor(TclEvent* ev);
+
+    Parker owner; // the inbox's thread, asleep while it waits
 };
 
 // Requests for Tcl; serviced only on the main Tcl thread.
@@ -342,6 +428,8 @@ public:
     void waitFor(PyEvent* ev);
     // The same, but gives up at `deadline`; whether `ev` is done.
     bool waitFor(PyEvent* ev, std::chrono::steady_clock::time_point deadline);
+
+    Parker owner; // the main Tcl thread, asleep while it waits
 };
 
 // One TclEvent that the Tcl thread is carrying out now, and the one it

@@ -1,9 +1,57 @@
 #include "Event.h"
 
+#include <algorithm>
+
 namespace pytarn::event {
+
+namespace {
+// Every parker there is, for unparkAll. Made on first use and never
+// destroyed: parkers live in objects that outlive static destruction.
+struct Registry {
+    std::mutex mutex;
+    std::vector<Parker*> parkers; // guarded by mutex
+};
+Registry& registry() {
+    static Registry* const made = new Registry;
+    return *made;
+}
+} // namespace
+
+Parker::Parker() {
+    Registry& all = registry();
+    std::lock_guard<std::mutex> lock(all.mutex);
+    all.parkers.push_back(this);
+}
+
+Parker::~Parker() {
+    Registry& all = registry();
+    std::lock_guard<std::mutex> lock(all.mutex);
+    all.parkers.erase(std::find(all.parkers.begin(), all.parkers.end(), this));
+}
+
+void Parker::wake() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        woken_ = true;
+        woken_at_ = Clock::now();
+    }
+    cond_.notify_one();
+}
+
+void Parker::learn(Clock::duration wake_up) {
+    const auto seen = std::clamp<std::chrono::nanoseconds>(wake_up, min_watch, max_watch);
+    watch_bound_ += (seen - watch_bound_) / 4;
+}
+
+void Parker::unparkAll() {
+    Registry& all = registry();
+    std::lock_guard<std::mutex> lock(all.mutex);
+    for (Parker* parker : all.parkers) parker->unpark();
+}
 
 void Notifier::notifyAll() {
     generation_.fetch_add(1);
+    Parker::unparkAll();
     if (sleepers_.load() == 0) return;
     std::lock_guard<std::mutex> lock(mutex);
     cond.notify_all();

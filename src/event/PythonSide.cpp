@@ -10,6 +10,31 @@ constexpr std::chrono::seconds wait_bound{1};
 
 thread_local PythonEventQueue* own_inbox = nullptr;
 
+// Inboxes whose threads have ended, to be lent again.
+struct Spare {
+    std::mutex mutex;
+    std::vector<PythonEventQueue*> inboxes; // guarded by mutex
+};
+Spare& spare() {
+    static Spare* const made = new Spare; // outlives every thread's lease
+    return *made;
+}
+
+// The thread's lent inbox, given back when the thread ends.
+struct Lease {
+    Lease() = default;
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+    ~Lease() {
+        if (!inbox) return;
+        if (own_inbox == inbox) own_inbox = nullptr;
+        Spare& all = spare();
+        std::lock_guard<std::mutex> lock(all.mutex);
+        all.inboxes.push_back(inbox);
+    }
+    PythonEventQueue* inbox = nullptr;
+};
+
 // Once the interpreter is deleted only output and work on the standard
 // channels (which outlive it) are still carried out; everything else fails.
 bool refused(const TclEvent* ev) {
@@ -25,10 +50,19 @@ void finishRefused(TclEvent* ev) {
 } // namespace
 
 PythonEventQueue& PythonEventQueue::own() {
-    if (!own_inbox) {
-        static thread_local PythonEventQueue made;
-        own_inbox = &made;
+    if (own_inbox) return *own_inbox;
+    static thread_local Lease lease;
+    if (!lease.inbox) {
+        Spare& all = spare();
+        std::lock_guard<std::mutex> lock(all.mutex);
+        if (all.inboxes.empty()) {
+            lease.inbox = new PythonEventQueue; // never freed, see Event.h
+        } else {
+            lease.inbox = all.inboxes.back();
+            all.inboxes.pop_back();
+        }
     }
+    own_inbox = lease.inbox;
     return *own_inbox;
 }
 
@@ -36,7 +70,7 @@ void PythonEventQueue::useAsOwn() { own_inbox = this; }
 
 bool PythonEventQueue::push(PyEvent* ev) {
     if (!append(ev)) return false;
-    notifier->notifyAll();
+    owner.unpark();
     return true;
 }
 
@@ -68,7 +102,7 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
             break;
         }
         if (serviceOneEvent(&state)) continue;
-        notifier->waitChange(seen, wait_bound,
+        notifier->waitChange(owner, seen, wait_bound,
                              [&] { return ev->done.load() || !looksEmpty(); });
     }
     PyEval_RestoreThread(state);

@@ -176,7 +176,7 @@ void PythonEventQueue::serviceEvent(PyEvent* ev) {
                                                           : "internal error in pytarn");
         });
     ev->done.store(true);
-    notifier->notifyAll();
+    event_mgr->tcl_queue.owner.unpark(); // only the main Tcl thread waits for a PyEvent
     // `returned` is released only now: its release may run Python code.
 }
 

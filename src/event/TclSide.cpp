@@ -113,8 +113,13 @@ void writeOutput(bool to_stderr, const char* text) {
 }
 
 void complete(TclEvent* ev) {
-    ev->done.store(true);
-    notifier->notifyAll(); // `ev` may be gone from here on
+    PythonEventQueue* requester = ev->inbox;
+    ev->done.store(true); // `ev` may be gone from here on
+    if (requester) {
+        requester->owner.unpark();
+    } else {
+        notifier->notifyAll(); // a request of the bridge's own, waited for without an inbox
+    }
 }
 
 // Hands the requester a copy that Tcl will never touch again.
@@ -147,7 +152,7 @@ void TclEventQueue::push(TclEvent* ev) {
 
 void TclEventQueue::wake() {
     tcl_c_api::addEvent();
-    notifier->notifyAll();
+    event_mgr->tcl_queue.owner.unpark();
 }
 
 bool TclEventQueue::drainOutput() {
@@ -344,7 +349,8 @@ bool TclEventQueue::waitFor(PyEvent* ev, std::chrono::steady_clock::time_point d
                 continue;
             }
         }
-        notifier->waitChange(seen, bound, [&] { return ev->done.load() || !looksEmpty(); });
+        notifier->waitChange(owner, seen, bound,
+                             [&] { return ev->done.load() || !looksEmpty(); });
     }
 }
 
