@@ -146,6 +146,9 @@ struct alignas(cache_line) TclEvent {
 // with nothing to do costs the machine their switches.
 class alignas(cache_line) Parker {
 public:
+    using Clock = std::chrono::steady_clock;
+    using Duration = std::chrono::nanoseconds;
+
     Parker();
     ~Parker();
     Parker(const Parker&) = delete;
@@ -156,23 +159,17 @@ public:
     // after its change, with a full fence on each side between the two: one
     // of them sees the other, so no wake-up is lost.
     template <typename Ready>
-    void park(std::chrono::microseconds bound, Ready ready) {
+    void park(Duration bound, Ready ready) {
         asleep_.store(true, std::memory_order_relaxed);
         std::atomic_thread_fence(std::memory_order_seq_cst);
         if (!ready()) {
             std::unique_lock<std::mutex> lock(mutex_);
             cond_.wait_for(lock, bound, [&] { return woken_ || ready(); });
-            if (woken_) learn(Clock::now() - woken_at_);
+            if (woken_) learnWakeUp(Clock::now() - woken_at_);
             woken_ = false;
         }
         asleep_.store(false, std::memory_order_relaxed);
     }
-    // Owner thread: how long a watch may last before the thread parks. A
-    // park costs the time from an unpark to running again, so watching
-    // longer than that never pays; it is measured at every wake-up: tens of
-    // microseconds on an idle machine, whose cores doze, a few on a busy
-    // one, where a watch would mostly keep the awaited thread off its core.
-    std::chrono::nanoseconds watchBound() const { return watch_bound_; }
     // Any thread, once the change is published. A parker outlives every
     // thread that may unpark it (see PythonEventQueue::own), so a late
     // unpark at worst wakes its next owner once for nothing.
@@ -184,21 +181,30 @@ public:
     // waiters (shutdown, a deleted interpreter), see Notifier::notifyAll.
     static void unparkAll();
 
-    static constexpr std::chrono::nanoseconds min_watch{1000};
-    static constexpr std::chrono::nanoseconds max_watch{40000};
+    // Owner thread: how long to watch before parking. A park costs the time
+    // from an unpark to running again, and a watch that lasts as long as
+    // that catches the answer of a partner that had to be woken itself, so
+    // the two threads of a loop of calls stay awake together. Watching any
+    // longer never pays. The cost is measured at every wake-up: tens of
+    // microseconds on an idle machine, whose cores doze, a few on a busy one,
+    // where a long watch would mostly keep other threads off the core.
+    // (Python threads watch holding the interpreter lock, so one at a time.)
+    Duration watchBound() const { return wake_up_cost_; }
+
+    static constexpr Duration min_watch{2000};
+    static constexpr Duration max_watch{40000};
 
 private:
-    using Clock = std::chrono::steady_clock;
     void wake();
     // Moves the watch bound a quarter of the way to the wake-up just seen.
-    void learn(Clock::duration wake_up);
+    void learnWakeUp(Clock::duration wake_up);
 
     std::atomic<bool> asleep_{false};
     std::mutex mutex_;
     std::condition_variable cond_;
     bool woken_ = false;            // guarded by mutex_
     Clock::time_point woken_at_{};  // guarded by mutex_; when woken_ was set
-    std::chrono::nanoseconds watch_bound_ = max_watch; // owner thread only
+    Duration wake_up_cost_ = max_watch; // owner thread only
 };
 
 // The wake-up for rare changes that any waiter may care about: start-up,
@@ -207,6 +213,8 @@ private:
 // exit from another Tcl thread) sleep on the notifier's own condition.
 class Notifier {
 public:
+    using Clock = std::chrono::steady_clock;
+
     // Read before looking at the state you are about to wait for.
     std::uint64_t generation() const { return generation_.load(); }
     // Wakes every waiter, parked or not; call after the change is published.
@@ -223,18 +231,29 @@ public:
     // queue). `ready` must be cheap and take no lock.
     template <typename Ready>
     void waitChange(std::uint64_t seen, std::chrono::microseconds bound, Ready ready) {
-        if (watch(seen, bound, ready, spin_bound)) sleep(seen, bound);
+        const Parker::Duration limit = std::min<Parker::Duration>(bound, spin_bound);
+        if (!watch(seen, ready, limit) && bound > spin_bound) sleep(seen, bound);
     }
-    // The same for a thread with a parker of its own: it sleeps there, and
-    // only a change meant for it, or a notifyAll, wakes it.
-    // Its watch lasts as long as a park and wake-up of its own would.
+    // The same for a thread with a parker of its own: it watches for as long
+    // as the parker allows, then sleeps there, and only a change meant for
+    // it, or a notifyAll, wakes it.
     template <typename Ready>
     void waitChange(Parker& parker, std::uint64_t seen, std::chrono::microseconds bound,
                     Ready ready) {
-        const auto watched = std::chrono::duration_cast<std::chrono::microseconds>(
-            std::min<std::chrono::nanoseconds>(parker.watchBound(), bound));
-        if (watch(seen, bound, ready, parker.watchBound()))
-            parker.park(bound - watched, [&] { return generation_.load() != seen || ready(); });
+        if (!watchFor(parker, seen, bound, ready)) park(parker, seen, bound, ready);
+    }
+    // Its two halves, for a waiter that must do something between them.
+    // The watch: whether ready() or a notification came within the bound
+    // that the parker allows.
+    template <typename Ready>
+    bool watchFor(Parker& parker, std::uint64_t seen, std::chrono::microseconds bound,
+                  Ready ready) {
+        return watch(seen, ready, std::min<Parker::Duration>(parker.watchBound(), bound));
+    }
+    // The sleep, until ready(), a notification, or `bound`.
+    template <typename Ready>
+    void park(Parker& parker, std::uint64_t seen, std::chrono::microseconds bound, Ready ready) {
+        parker.park(bound, [&] { return generation_.load() != seen || ready(); });
     }
 
     static constexpr std::chrono::microseconds spin_bound{40};
@@ -245,21 +264,17 @@ public:
     std::mutex mutex;
 
 private:
-    // True when the watch ran out without a change: the caller should sleep.
+    // Watches without sleeping until ready() or a notification; false when
+    // `limit` ran out first. Clock reads are cheap but not free: one every
+    // few rounds. No sched_yield: in a virtual machine it costs microseconds.
     template <typename Ready>
-    bool watch(std::uint64_t seen, std::chrono::microseconds bound, Ready ready,
-               std::chrono::nanoseconds limit) {
-        using Clock = std::chrono::steady_clock;
-        const auto watched = std::min<std::chrono::nanoseconds>(bound, limit);
-        const auto until = Clock::now() + watched;
-        for (unsigned round = 1; generation_.load() == seen; ++round) {
-            if (ready()) return false;
-            // Clock reads are cheap but not free: look every few rounds. No
-            // sched_yield here: in a virtual machine it costs microseconds.
-            if (round % 8 == 0 && Clock::now() >= until) return bound > watched;
+    bool watch(std::uint64_t seen, Ready ready, Parker::Duration limit) {
+        const auto until = Clock::now() + limit;
+        for (unsigned round = 1; generation_.load() == seen && !ready(); ++round) {
+            if (round % 8 == 0 && Clock::now() >= until) return false;
             cpuRelax();
         }
-        return false;
+        return true;
     }
     void sleep(std::uint64_t seen, std::chrono::microseconds bound);
     // Tells the core that this is a spin: it yields pipeline resources to a
@@ -390,13 +405,10 @@ public:
     bool push(PyEvent* ev);
     // Carries out one request completely: work, outcome, done, notify.
     static void serviceEvent(PyEvent* ev);
-    // Lock not held on entry; *state is the caller's saved thread state.
-    // Returns whether a request was carried out.
-    bool serviceOneEvent(PyThreadState** state);
     // Lock held for the whole call.
     void serviceAllEvents();
     // The inbox's own thread; lock held on entry and on return, released
-    // while waiting. Returns when `ev` is done, or once it has been taken back
+    // while it sleeps. Returns when `ev` is done, or once it has been taken back
     // from the queue: at shutdown (left not done) or when the interpreter has
     // been deleted (refused). A request the Tcl thread has taken is waited for.
     void waitFor(TclEvent* ev);

@@ -38,9 +38,9 @@ void Parker::wake() {
     cond_.notify_one();
 }
 
-void Parker::learn(Clock::duration wake_up) {
-    const auto seen = std::clamp<std::chrono::nanoseconds>(wake_up, min_watch, max_watch);
-    watch_bound_ += (seen - watch_bound_) / 4;
+void Parker::learnWakeUp(Clock::duration wake_up) {
+    const Duration seen = std::clamp<Duration>(wake_up, min_watch, max_watch);
+    wake_up_cost_ += (seen - wake_up_cost_) / 4;
 }
 
 void Parker::unparkAll() {

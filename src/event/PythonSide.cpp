@@ -74,21 +74,18 @@ bool PythonEventQueue::push(PyEvent* ev) {
     return true;
 }
 
-bool PythonEventQueue::serviceOneEvent(PyThreadState** state) {
-    PyEvent* ev = pop();
-    if (!ev) return false;
-    PyEval_RestoreThread(*state);
-    serviceEvent(ev);
-    *state = PyEval_SaveThread();
-    return true;
-}
-
 void PythonEventQueue::serviceAllEvents() {
     while (PyEvent* ev = pop()) serviceEvent(ev);
 }
 
+// The interpreter lock is kept while the answer may still come within a
+// watch: given away, it would go to another Python thread, and taking it
+// back would cost this one a wake-up of its own. A thread that calls Tcl in a
+// loop thus keeps running among many that do the same. The lock is given
+// away before the thread sleeps; the Tcl thread never waits for it.
 void PythonEventQueue::waitFor(TclEvent* ev) {
-    PyThreadState* state = PyEval_SaveThread();
+    auto ready = [&] { return ev->done.load() || !looksEmpty(); };
+    PyThreadState* state = nullptr; // set while the lock is given away
     for (;;) {
         std::uint64_t seen = notifier->generation();
         if (ev->done.load()) break;
@@ -101,11 +98,18 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
             if (alive) finishRefused(ev); // else left not done: abandoned
             break;
         }
-        if (serviceOneEvent(&state)) continue;
-        notifier->waitChange(owner, seen, wait_bound,
-                             [&] { return ev->done.load() || !looksEmpty(); });
+        if (PyEvent* request = pop()) {
+            if (state) PyEval_RestoreThread(std::exchange(state, nullptr));
+            serviceEvent(request);
+            continue;
+        }
+        if (state) {
+            notifier->park(owner, seen, wait_bound, ready);
+        } else if (!notifier->watchFor(owner, seen, wait_bound, ready)) {
+            state = PyEval_SaveThread(); // then a last look before sleeping
+        }
     }
-    PyEval_RestoreThread(state);
+    if (state) PyEval_RestoreThread(state);
 }
 
 PyObject* EventMgr::spin(TclEvent* ev) {
