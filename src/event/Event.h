@@ -156,12 +156,12 @@ public:
 
     // Owner thread: sleeps until unpark(), `bound`, or ready(). The flag is
     // raised before ready() is looked at, and an unpark() looks at the flag
-    // after its change, with a full fence on each side between the two: one
-    // of them sees the other, so no wake-up is lost.
+    // after its change; flag and state are sequentially consistent atomics
+    // (ready() loads them so, wakers store them so), so one of the two sees
+    // the other and no wake-up is lost.
     template <typename Ready>
     void park(Duration bound, Ready ready) {
-        asleep_.store(true, std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_seq_cst);
+        asleep_.store(true);
         if (!ready()) {
             std::unique_lock<std::mutex> lock(mutex_);
             cond_.wait_for(lock, bound, [&] { return woken_ || ready(); });
@@ -170,12 +170,12 @@ public:
         }
         asleep_.store(false, std::memory_order_relaxed);
     }
-    // Any thread, once the change is published. A parker outlives every
+    // Any thread, once the change is published by a sequentially
+    // consistent store (a record's `done`, a queue's count). A parker outlives every
     // thread that may unpark it (see PythonEventQueue::own), so a late
     // unpark at worst wakes its next owner once for nothing.
     void unpark() {
-        std::atomic_thread_fence(std::memory_order_seq_cst);
-        if (asleep_.load(std::memory_order_relaxed)) wake();
+        if (asleep_.load()) wake();
     }
     // Unparks every parker there is: for the rare changes that concern all
     // waiters (shutdown, a deleted interpreter), see Notifier::notifyAll.
@@ -320,8 +320,9 @@ public:
         return static_cast<std::size_t>(nearCount()) + far_.size();
     }
     // Without the lock, for a waiter's watch; exact only once the lock has
-    // been taken, which pop() does.
-    bool looksEmpty() const { return near_count_.load(std::memory_order_relaxed) == 0; }
+    // been taken, which pop() does. Sequentially consistent, as the store
+    // of a push, for a parked owner (see Parker::park).
+    bool looksEmpty() const { return near_count_.load() == 0; }
     // Takes `ev` out if it is still queued; true when it was.
     bool remove(T* ev) {
         std::lock_guard<std::mutex> lock(mutex);
@@ -354,7 +355,7 @@ protected:
         const int count = nearCount();
         if (count < near_size && far_.empty()) {
             near_[count] = ev;
-            near_count_.store(count + 1, std::memory_order_release);
+            near_count_.store(count + 1);
         } else {
             far_.push_back(ev);
         }
