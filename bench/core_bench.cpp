@@ -133,12 +133,12 @@ void BM_notifier_round_trip(benchmark::State& state) {
     pytarn::event::Notifier notifier;
     pytarn::event::Parker ours, theirs;
     std::atomic<int> turn{0}; // 1: the partner's, 0: ours, -1: partner stops
-    auto waitWhile = [&](pytarn::event::Parker& self, int value) {
+    auto waitWhile = [&](pytarn::event::Parker& self, pytarn::event::Parker& other, int value) {
         for (;;) {
             std::uint64_t seen = notifier.generation();
             int now = turn.load();
             if (now != value) return now;
-            notifier.waitChange(self, seen, std::chrono::seconds(1),
+            notifier.waitChange(self, &other, seen, std::chrono::seconds(1),
                                 [&] { return turn.load() != value; });
         }
     };
@@ -147,11 +147,11 @@ void BM_notifier_round_trip(benchmark::State& state) {
         other.unpark();
     };
     std::thread partner([&] {
-        while (waitWhile(theirs, 0) == 1) pass(ours, 0);
+        while (waitWhile(theirs, ours, 0) == 1) pass(ours, 0);
     });
     for (auto _ : state) {
         pass(theirs, 1);
-        waitWhile(ours, 1);
+        waitWhile(ours, theirs, 1);
     }
     pass(theirs, -1);
     partner.join();

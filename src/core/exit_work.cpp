@@ -129,9 +129,10 @@ void run() {
         return;
     }
     using Clock = std::chrono::steady_clock;
-    bool done = events.tcl_queue.waitFor(record, Clock::now() + work_bound);
+    bool done = events.tcl_queue.waitFor(record, &inbox.owner, Clock::now() + work_bound);
     if (!done && interrupts::request())
-        done = events.tcl_queue.waitFor(record, Clock::now() + interrupted_bound);
+        done = events.tcl_queue.waitFor(record, &inbox.owner,
+                                        Clock::now() + interrupted_bound);
     // Not begun (every Python thread busy): it must not begin later.
     if (!done) inbox.remove(record);
     events.calls.leave();

@@ -169,7 +169,8 @@ void runPythonThread() {
                 if (!self.event_mgr.python_queue.empty()) continue;
                 break;
             }
-            self.notifier.waitChange(self.event_mgr.python_queue.owner, seen, idle_wait_bound,
+            self.notifier.waitChange(self.event_mgr.python_queue.owner,
+                                     &self.event_mgr.tcl_queue.owner, seen, idle_wait_bound,
                                      [&] { return !self.event_mgr.python_queue.looksEmpty(); });
         }
         // Ends holding the lock: nothing may run Python after the bridge stops.
@@ -246,7 +247,8 @@ int startBridge(Tcl_Interp* interp) {
         std::uint64_t seen = notifier->generation();
         event_mgr->tcl_queue.serviceAllEvents();
         if (python_thread.ready.load()) break;
-        notifier->waitChange(event_mgr->tcl_queue.owner, seen, load_wait_bound,
+        notifier->waitChange(event_mgr->tcl_queue.owner, &event_mgr->python_queue.owner, seen,
+                             load_wait_bound,
                              [] { return !event_mgr->tcl_queue.looksEmpty(); });
     }
     // Registered here, on the interpreter's own thread, once start-up is done.

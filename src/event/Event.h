@@ -169,6 +169,7 @@ public:
             woken_ = false;
         }
         asleep_.store(false, std::memory_order_relaxed);
+        noteCore(); // the scheduler may have woken it on another core
     }
     // Any thread, once the change is published by a sequentially
     // consistent store (a record's `done`, a queue's count). A parker outlives every
@@ -190,6 +191,12 @@ public:
     // where a long watch would mostly keep other threads off the core.
     // (Python threads watch holding the interpreter lock, so one at a time.)
     Duration watchBound() const { return wake_up_cost_; }
+    // Owner thread: publishes the core it runs on, for its partners' watches;
+    // written only when it changed, so that the line stays shared.
+    void noteCore();
+    // Owner thread: whether `partner`'s thread was last seen on this core,
+    // where it cannot answer for as long as this thread keeps the core.
+    bool sharesCoreWith(const Parker* partner) const;
 
     static constexpr Duration min_watch{2000};
     static constexpr Duration max_watch{40000};
@@ -200,6 +207,7 @@ private:
     void learnWakeUp(Clock::duration wake_up);
 
     std::atomic<bool> asleep_{false};
+    std::atomic<int> core_{-1};
     std::mutex mutex_;
     std::condition_variable cond_;
     bool woken_ = false;            // guarded by mutex_
@@ -234,21 +242,34 @@ public:
         const Parker::Duration limit = std::min<Parker::Duration>(bound, spin_bound);
         if (!watch(seen, ready, limit) && bound > spin_bound) sleep(seen, bound);
     }
-    // The same for a thread with a parker of its own: it watches for as long
+    // The same for a thread with a parker of its own, waiting for an answer
+    // from `partner`'s thread (null when from any): it watches for as long
     // as the parker allows, then sleeps there, and only a change meant for
     // it, or a notifyAll, wakes it.
     template <typename Ready>
-    void waitChange(Parker& parker, std::uint64_t seen, std::chrono::microseconds bound,
-                    Ready ready) {
-        if (!watchFor(parker, seen, bound, ready)) park(parker, seen, bound, ready);
+    void waitChange(Parker& parker, const Parker* partner, std::uint64_t seen,
+                    std::chrono::microseconds bound, Ready ready) {
+        if (!watchFor(parker, partner, seen, bound, ready)) park(parker, seen, bound, ready);
     }
     // Its two halves, for a waiter that must do something between them.
     // The watch: whether ready() or a notification came within the bound
-    // that the parker allows.
+    // that the parker allows. While the partner shares this core the watch
+    // gives the core up at every look (sched_yield, which costs less than a
+    // park and a wake-up, and keeps both threads runnable, so the scheduler
+    // moves one of them to a core that is idle).
     template <typename Ready>
-    bool watchFor(Parker& parker, std::uint64_t seen, std::chrono::microseconds bound,
-                  Ready ready) {
-        return watch(seen, ready, std::min<Parker::Duration>(parker.watchBound(), bound));
+    bool watchFor(Parker& parker, const Parker* partner, std::uint64_t seen,
+                  std::chrono::microseconds bound, Ready ready) {
+        parker.noteCore();
+        const auto until = Clock::now() + std::min<Parker::Duration>(parker.watchBound(), bound);
+        for (unsigned round = 1; generation_.load() == seen && !ready(); ++round) {
+            if (round % 8 == 0) {
+                if (Clock::now() >= until) return false;
+                if (parker.sharesCoreWith(partner)) yieldCore();
+            }
+            cpuRelax();
+        }
+        return true;
     }
     // The sleep, until ready(), a notification, or `bound`.
     template <typename Ready>
@@ -266,7 +287,7 @@ public:
 private:
     // Watches without sleeping until ready() or a notification; false when
     // `limit` ran out first. Clock reads are cheap but not free: one every
-    // few rounds. No sched_yield: in a virtual machine it costs microseconds.
+    // few rounds.
     template <typename Ready>
     bool watch(std::uint64_t seen, Ready ready, Parker::Duration limit) {
         const auto until = Clock::now() + limit;
@@ -277,6 +298,7 @@ private:
         return true;
     }
     void sleep(std::uint64_t seen, std::chrono::microseconds bound);
+    static void yieldCore();
     // Tells the core that this is a spin: it yields pipeline resources to a
     // hyper-thread sibling and saves power, without leaving the thread.
     static void cpuRelax() {
@@ -437,10 +459,12 @@ public:
     // comes meanwhile gets a new wake(), so that a thread that never stops
     // printing cannot keep the Tcl thread here and its event loop starved.
     void serviceAllEvents();
-    // Returns once `ev` is done, carrying out Tcl requests meanwhile.
-    void waitFor(PyEvent* ev);
+    // Returns once `ev` is done, carrying out Tcl requests meanwhile;
+    // `partner` is the parker of the inbox that `ev` went to.
+    void waitFor(PyEvent* ev, const Parker* partner);
     // The same, but gives up at `deadline`; whether `ev` is done.
-    bool waitFor(PyEvent* ev, std::chrono::steady_clock::time_point deadline);
+    bool waitFor(PyEvent* ev, const Parker* partner,
+                 std::chrono::steady_clock::time_point deadline);
 
     Parker owner; // the main Tcl thread, asleep while it waits
 };

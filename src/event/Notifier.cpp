@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include <sched.h>
+
 namespace pytarn::event {
 
 namespace {
@@ -43,6 +45,18 @@ void Parker::learnWakeUp(Clock::duration wake_up) {
     wake_up_cost_ += (seen - wake_up_cost_) / 4;
 }
 
+void Parker::noteCore() {
+    const int core = sched_getcpu();
+    if (core != core_.load(std::memory_order_relaxed)) core_.store(core, std::memory_order_relaxed);
+}
+
+bool Parker::sharesCoreWith(const Parker* partner) const {
+    if (!partner) return false;
+    const int core = core_.load(std::memory_order_relaxed);
+    return core >= 0 && sched_getcpu() == core &&
+           partner->core_.load(std::memory_order_relaxed) == core;
+}
+
 void Parker::unparkAll() {
     Registry& all = registry();
     std::lock_guard<std::mutex> lock(all.mutex);
@@ -56,6 +70,8 @@ void Notifier::notifyAll() {
     std::lock_guard<std::mutex> lock(mutex);
     cond.notify_all();
 }
+
+void Notifier::yieldCore() { sched_yield(); }
 
 void Notifier::sleep(std::uint64_t seen, std::chrono::microseconds bound) {
     std::unique_lock<std::mutex> lock(mutex);

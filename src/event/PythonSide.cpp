@@ -105,7 +105,8 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
         }
         if (state) {
             notifier->park(owner, seen, wait_bound, ready);
-        } else if (!notifier->watchFor(owner, seen, wait_bound, ready)) {
+        } else if (!notifier->watchFor(owner, &event_mgr->tcl_queue.owner, seen, wait_bound,
+                                       ready)) {
             state = PyEval_SaveThread(); // then a last look before sleeping
         }
     }

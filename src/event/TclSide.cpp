@@ -320,11 +320,12 @@ void TclEventQueue::serviceAllEvents() {
     if (!empty() || (!setting_buff && event_mgr->output.pending())) wake();
 }
 
-void TclEventQueue::waitFor(PyEvent* ev) {
-    waitFor(ev, std::chrono::steady_clock::time_point::max());
+void TclEventQueue::waitFor(PyEvent* ev, const Parker* partner) {
+    waitFor(ev, partner, std::chrono::steady_clock::time_point::max());
 }
 
-bool TclEventQueue::waitFor(PyEvent* ev, std::chrono::steady_clock::time_point deadline) {
+bool TclEventQueue::waitFor(PyEvent* ev, const Parker* partner,
+                            std::chrono::steady_clock::time_point deadline) {
     for (;;) {
         std::uint64_t seen = notifier->generation();
         if (ev->done.load()) {
@@ -349,7 +350,7 @@ bool TclEventQueue::waitFor(PyEvent* ev, std::chrono::steady_clock::time_point d
                 continue;
             }
         }
-        notifier->waitChange(owner, seen, bound,
+        notifier->waitChange(owner, partner, seen, bound,
                              [&] { return ev->done.load() || !looksEmpty(); });
     }
 }
@@ -369,7 +370,7 @@ int EventMgr::spin(PyEvent* ev) {
     // Python may have the interpreter deleted meanwhile; it stays usable
     // until the release, where interpDeleted runs.
     Tcl_Preserve(interp);
-    tcl_queue.waitFor(ev);
+    tcl_queue.waitFor(ev, &target.owner);
     calls.leave();
     const int code = postProcess(ev);
     Tcl_Release(interp);

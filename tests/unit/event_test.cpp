@@ -86,7 +86,7 @@ TEST(Notifier, WakesEveryWaiterNotifiedBeforeOrDuringItsWait) {
         parked.store(true);
         return false;
     };
-    waiters.emplace_back([&] { notifier.waitChange(parker, seen, long_bound, raiseAndWait); });
+    waiters.emplace_back([&] { notifier.waitChange(parker, nullptr, seen, long_bound, raiseAndWait); });
     while (notifier.sleepers() < 4 || !parked.load()) std::this_thread::yield();
     notifier.notifyAll();
     for (auto& waiter : waiters) waiter.join();
@@ -109,7 +109,8 @@ TEST(Parker, HandOffsLoseNoWakeUp) {
         for (int i = me; i < rounds; i += 2) {
             while (!mine(i)) {
                 const auto asleep = Clock::now();
-                notifier.waitChange(parkers[me], notifier.generation(), long_bound,
+                notifier.waitChange(parkers[me], &parkers[1 - me], notifier.generation(),
+                                    long_bound,
                                     [&] { return mine(i); });
                 lost += Clock::now() - asleep >= long_bound;
             }
@@ -171,8 +172,8 @@ TEST(TclEventQueue, ABoundedWaitSaysWhetherTheRequestIsDone) {
     PyEvent finished(nullptr), running(nullptr);
     finished.done.store(true);
     TclEventQueue& queue = pytarn::event_mgr->tcl_queue;
-    const bool finishedDone = queue.waitFor(&finished, Clock::now() + long_bound);
-    const bool runningDone = queue.waitFor(&running, Clock::now());
+    const bool finishedDone = queue.waitFor(&finished, nullptr, Clock::now() + long_bound);
+    const bool runningDone = queue.waitFor(&running, nullptr, Clock::now());
     EXPECT_TRUE(finishedDone);
     EXPECT_FALSE(runningDone);
 }
