@@ -194,8 +194,10 @@ public:
     // Owner thread: publishes the core it runs on, for its partners' watches;
     // written only when it changed, so that the line stays shared.
     void noteCore();
-    // Owner thread: whether `partner`'s thread was last seen on this core,
-    // where it cannot answer for as long as this thread keeps the core.
+    // Owner thread: whether `partner`'s thread is awake and was last seen on
+    // this core, where it cannot answer for as long as this thread keeps the
+    // core. (A partner asleep is left out: woken, the scheduler moves it to a
+    // core that is idle, and one that this thread keeps busy is not.)
     bool sharesCoreWith(const Parker* partner) const;
 
     static constexpr Duration min_watch{2000};
@@ -253,20 +255,17 @@ public:
     }
     // Its two halves, for a waiter that must do something between them.
     // The watch: whether ready() or a notification came within the bound
-    // that the parker allows. While the partner shares this core the watch
-    // gives the core up at every look (sched_yield, which costs less than a
-    // park and a wake-up, and keeps both threads runnable, so the scheduler
-    // moves one of them to a core that is idle).
+    // that the parker allows. It ends early, to park, once the partner shares
+    // this core: a busy machine, where the partner can answer only on this
+    // core, and a park and wake-up of each is the least a crossing can cost.
     template <typename Ready>
     bool watchFor(Parker& parker, const Parker* partner, std::uint64_t seen,
                   std::chrono::microseconds bound, Ready ready) {
         parker.noteCore();
         const auto until = Clock::now() + std::min<Parker::Duration>(parker.watchBound(), bound);
         for (unsigned round = 1; generation_.load() == seen && !ready(); ++round) {
-            if (round % 8 == 0) {
-                if (Clock::now() >= until) return false;
-                if (parker.sharesCoreWith(partner)) yieldCore();
-            }
+            if (round % 8 == 0 && (Clock::now() >= until || parker.sharesCoreWith(partner)))
+                return false;
             cpuRelax();
         }
         return true;
@@ -298,7 +297,6 @@ private:
         return true;
     }
     void sleep(std::uint64_t seen, std::chrono::microseconds bound);
-    static void yieldCore();
     // Tells the core that this is a spin: it yields pipeline resources to a
     // hyper-thread sibling and saves power, without leaving the thread.
     static void cpuRelax() {

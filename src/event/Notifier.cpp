@@ -51,7 +51,7 @@ void Parker::noteCore() {
 }
 
 bool Parker::sharesCoreWith(const Parker* partner) const {
-    if (!partner) return false;
+    if (!partner || partner->asleep_.load(std::memory_order_relaxed)) return false;
     const int core = core_.load(std::memory_order_relaxed);
     return core >= 0 && sched_getcpu() == core &&
            partner->core_.load(std::memory_order_relaxed) == core;
@@ -70,8 +70,6 @@ void Notifier::notifyAll() {
     std::lock_guard<std::mutex> lock(mutex);
     cond.notify_all();
 }
-
-void Notifier::yieldCore() { sched_yield(); }
 
 void Notifier::sleep(std::uint64_t seen, std::chrono::microseconds bound) {
     std::unique_lock<std::mutex> lock(mutex);
