@@ -363,4 +363,62 @@ SmartPyObj fromTclDict(Tcl_Obj* value) {
     return dict;
 }
 
+bool toScalar(Tcl_Obj* value, Scalar* out) {
+    if (value->typePtr && (value->typePtr == listType() || value->typePtr == dictType()))
+        return false;
+    if (pureInteger(value, &out->integer)) {
+        out->kind = Scalar::Kind::integer;
+        return true;
+    }
+    int length = 0;
+    const char* text = Tcl_GetStringFromObj(value, &length);
+    if (length > Scalar::capacity) return false;
+    std::memcpy(out->text, text, static_cast<std::size_t>(length));
+    out->text[length] = '\0';
+    out->length = static_cast<unsigned char>(length);
+    out->kind = Scalar::Kind::text;
+    return true;
+}
+
+SmartPyObj fromScalar(const Scalar& scalar) {
+    if (scalar.kind == Scalar::Kind::integer)
+        return SmartPyObj(PyLong_FromLongLong(scalar.integer));
+    return fromTclPlainText(scalar.text, scalar.length);
+}
+
+bool toScalar(PyObject* value, Scalar* out) {
+    if (PyLong_CheckExact(value)) {
+        int overflow = 0;
+        const long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
+        if (overflow || (number == -1 && PyErr_Occurred())) {
+            PyErr_Clear();
+            return false;
+        }
+        out->integer = static_cast<Tcl_WideInt>(number);
+        out->kind = Scalar::Kind::integer;
+        return true;
+    }
+    // Text beyond U+FFFF is recoded for Tcl (see toTclStr): not a scalar.
+    if (!PyUnicode_CheckExact(value) || PyUnicode_MAX_CHAR_VALUE(value) > 0xFFFF ||
+        PyUnicode_GET_LENGTH(value) > Scalar::capacity)
+        return false;
+    Py_ssize_t length = 0;
+    const char* text = PyUnicode_AsUTF8AndSize(value, &length);
+    if (!text || length > Scalar::capacity) {
+        PyErr_Clear();
+        return false;
+    }
+    // As Tcl_NewStringObj(text, -1) in toTclStr: up to the first NUL.
+    const std::size_t kept = std::strlen(text);
+    std::memcpy(out->text, text, kept + 1);
+    out->length = static_cast<unsigned char>(kept);
+    out->kind = Scalar::Kind::text;
+    return true;
+}
+
+Tcl_Obj* toTcl(const Scalar& scalar) {
+    if (scalar.kind == Scalar::Kind::integer) return Tcl_NewWideIntObj(scalar.integer);
+    return Tcl_NewStringObj(scalar.text, scalar.length);
+}
+
 } // namespace tcl_convert

@@ -46,6 +46,7 @@
 #pragma once
 
 #include "convert/SmartObj.h"
+#include "convert/TclConvert.h"
 #include "OutputQueue.h"
 #include "RunningCalls.h"
 
@@ -88,6 +89,8 @@ struct alignas(cache_line) PyEvent {
     bool exit_requested = false;
     std::atomic<bool> done{false};
     std::uint64_t call = 0; // its number among the Tcl thread's calls (RunningCalls)
+    // A short result travels here instead of in `result` (see Scalar).
+    tcl_convert::Scalar scalar;
     // The failing exception's type name, which becomes the Tcl error code
     // "PYTHON <name>"; empty when the request did not fail in Python.
     std::string error_type;
@@ -127,6 +130,8 @@ struct alignas(cache_line) TclEvent {
     bool interp_deleted = false;
     std::atomic<bool> done{false};
     bool to_stderr = false;         // output requests only, which are rare
+    // A short result travels here instead of in `result` (see Scalar).
+    tcl_convert::Scalar scalar;
     std::string error;              // non-empty exactly when the request failed
     std::vector<std::string> error_code; // the failure's -errorcode, word by word
     std::string error_info;              // and its -errorinfo

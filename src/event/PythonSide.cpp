@@ -173,8 +173,14 @@ PyObject* EventMgr::postProcess(TclEvent* ev) {
         PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
         return nullptr;
     }
-    if (!ev->result) Py_RETURN_NONE;
-    SmartPyObj value = tcl_convert::fromTcl(ev->result.get());
+    SmartPyObj value;
+    if (ev->scalar.kind != tcl_convert::Scalar::Kind::none) {
+        value = tcl_convert::fromScalar(ev->scalar);
+    } else if (ev->result) {
+        value = tcl_convert::fromTcl(ev->result.get());
+    } else {
+        Py_RETURN_NONE;
+    }
     if (!value && !PyErr_Occurred())
         PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);
     return value.release();

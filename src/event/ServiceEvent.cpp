@@ -161,7 +161,8 @@ void PythonEventQueue::serviceEvent(PyEvent* ev) {
     ev->status = TCL_OK;
     withoutExceptions(
         [&] {
-            if (!PyErr_Occurred() && returned && returned.get() != Py_None)
+            if (!PyErr_Occurred() && returned && returned.get() != Py_None &&
+                !tcl_convert::toScalar(returned.get(), &ev->scalar))
                 ev->result = tcl_convert::toTcl(returned);
             // A conversion that failed (too deep, a raising __str__) fails the
             // request rather than leaving its error for the next one.

@@ -124,6 +124,7 @@ void complete(TclEvent* ev) {
 
 // Hands the requester a copy that Tcl will never touch again.
 void storeResult(TclEvent* ev, Tcl_Obj* value) {
+    if (tcl_convert::toScalar(value, &ev->scalar)) return;
     ev->result = tcl_convert::detachedCopy(value);
     ev->too_deep = !ev->result;
 }
@@ -254,6 +255,7 @@ bool failedInternally(const Carrying& here) {
     ev->error_code.clear();
     ev->error_info.clear();
     ev->result = nullptr;
+    ev->scalar.kind = tcl_convert::Scalar::Kind::none;
     ev->no_memory = true;
     return true;
 }
@@ -390,6 +392,8 @@ int EventMgr::postProcess(PyEvent* ev) {
     if (ev->exit_requested) Tcl_Exit(ev->exit_code);
     if (ev->result) {
         Tcl_SetObjResult(tcl_interp, ev->result.get());
+    } else if (ev->scalar.kind != tcl_convert::Scalar::Kind::none) {
+        Tcl_SetObjResult(tcl_interp, tcl_convert::toTcl(ev->scalar));
     } else {
         Tcl_ResetResult(tcl_interp);
     }
