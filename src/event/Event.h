@@ -81,6 +81,11 @@ struct alignas(cache_line) PyEvent {
     int exit_code = 0;
     bool exit_requested = false;
     std::atomic<bool> done{false};
+    // The request carries `argument` (below), converted before the work.
+    bool has_argument = false;
+    // The argument is the Tcl thread's own object, lent (Lending.h): the Tcl
+    // thread runs nothing until `taken`.
+    bool lends = false;
     std::uint64_t call = 0; // its number among the Tcl thread's calls (RunningCalls)
     // The failing exception's type name, which becomes the Tcl error code
     // "PYTHON <name>"; empty when the request did not fail in Python.
@@ -88,6 +93,14 @@ struct alignas(cache_line) PyEvent {
     // A TclError that came back uncaught from a failed Tcl call: its own
     // -errorcode words, which Tcl then sees instead of "PYTHON TclError".
     std::vector<std::string> error_code;
+    // A value for the work, converted on the Python thread before the work
+    // runs; null means nested too deeply (a copy that failed). Not owned.
+    Tcl_Obj* argument = nullptr;
+    // Its conversion, which the work reads; not owned, valid during `func`.
+    PyObject* converted = nullptr;
+    // Set (release) once a lent argument will not be touched again: after
+    // its conversion, or on any path that skips it. Every path sets it.
+    std::atomic<bool> taken{false};
 };
 
 // A request carried out on the main Tcl thread. Its shape says what it asks:
@@ -360,6 +373,11 @@ public:
     PythonEventQueue& inbox() {
         return carrying && carrying->inbox ? *carrying->inbox : python_queue;
     }
+    // Tcl thread: whether a request made now is taken up at once, so that
+    // the Tcl thread may lend it a value and wait serving nothing meanwhile:
+    // the requester of the TclEvent carried out now waits in its inbox, and
+    // the bridge's own thread is idle while no call into Python is open.
+    bool mayLend() const { return carrying ? carrying->inbox != nullptr : calls.depth() == 0; }
     // Tcl thread, exiting from inside requests it carries: finishes them all
     // (as abandoned), so that their requesters may go on and end.
     void releaseCarried();

@@ -133,6 +133,18 @@ Tcl_Obj* optionEntry(Tcl_Obj* options, const char* name) {
     return entry;
 }
 
+// A request that lent the Tcl thread's own object (Lending.h): until it is
+// taken, this thread touches no Tcl object, so it carries out no request and
+// writes no output; it only waits. Every path on the Python side sets it.
+void waitTaken(PyEvent* ev) {
+    auto taken = [ev] { return ev->taken.load(std::memory_order_acquire); };
+    for (;;) {
+        std::uint64_t seen = notifier->generation();
+        if (taken()) return;
+        notifier->waitChange(seen, wait_bound, taken);
+    }
+}
+
 // Gives every word back: the requester handed its references over.
 void releaseWords(TclEvent* ev) {
     for (int i = 0; i < ev->word_count; ++i) Tcl_DecrRefCount(ev->words[i]);
@@ -320,6 +332,7 @@ void TclEventQueue::waitFor(PyEvent* ev) {
 }
 
 bool TclEventQueue::waitFor(PyEvent* ev, std::chrono::steady_clock::time_point deadline) {
+    if (ev->lends) waitTaken(ev);
     for (;;) {
         std::uint64_t seen = notifier->generation();
         if (ev->done.load()) {

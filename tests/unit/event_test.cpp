@@ -179,8 +179,8 @@ TEST(WorkFunctions, SetFailsWithNullAndItsErrorSet) {
              {"answer", "object()", "AttributeError"}}) { // the value cannot be handed over
         state.tcl = py(swap);
         PyDict_SetItemString(state.main_dict.get(), "__tcl", state.tcl.get());
-        pytarn::SmartTclObj value(Tcl_NewStringObj("42", -1));
-        pytarn::SmartPyObj returned(pytarn::python::set(target, &value));
+        pytarn::SmartPyObj value(PyLong_FromLong(42));
+        pytarn::SmartPyObj returned(pytarn::python::set(target, value.get()));
         EXPECT_EQ(pendingError(), error) << target;
         EXPECT_EQ(!returned, *error != '\0') << target;
         PyErr_Clear();
