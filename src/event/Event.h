@@ -144,6 +144,12 @@ struct alignas(cache_line) TclEvent {
     // The action uses only the standard channels: once the interpreter is
     // deleted it still runs, given a null interpreter, instead of failing.
     bool outlives_interp = false;
+    // A large result lent instead of copied (Lending.h): the Tcl thread's own
+    // object, not owned. The requester converts it, then sets `*given_back`
+    // (release), a flag of the Tcl thread's, which runs nothing until then.
+    // Both null when the result is a copy (or there is none).
+    Tcl_Obj* lent = nullptr;
+    std::atomic<bool>* given_back = nullptr;
 };
 
 // The one wake-up channel shared by every waiter of both directions.
@@ -364,6 +370,8 @@ struct Carrying {
     PythonEventQueue* inbox; // the requester's; null once released
     Carrying* outer;
     bool released = false;   // finished early: `ev` must not be touched
+    SmartTclObj lent;        // the result lent to the requester, until given back
+    std::atomic<bool> given_back{false};
 };
 
 class EventMgr {
