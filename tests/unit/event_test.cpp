@@ -132,6 +132,25 @@ TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
     calls.leave();
 }
 
+// The Tcl thread waits for a lent argument until it is taken: a request interrupted before
+// it starts, which never converts it, says so too.
+TEST(PyEventService, ALentArgumentIsTakenWhenInterruptedBeforeItStarts) {
+    RunningCalls& calls = pytarn::event_mgr->calls;
+    pytarn::SmartTclObj value(Tcl_NewStringObj("42", -1));
+    PyEvent ev([] { return py("None").release(); });
+    ev.has_argument = true;
+    ev.lends = true;
+    ev.argument = value.get();
+    ev.call = calls.enter();
+    const bool marked = calls.markInnermost();
+    calls.takeMark();
+    PythonEventQueue::serviceEvent(&ev);
+    calls.leave();
+    EXPECT_TRUE(marked);
+    EXPECT_TRUE(ev.taken.load());
+    EXPECT_EQ(ev.status, TCL_ERROR);
+}
+
 // Calls nested deeper than the table's levels share its last slot: an interrupt asked for
 // there still finds the innermost call, queued or running.
 TEST(RunningCalls, PastTheDeepestLevelTheInnermostCallIsInterrupted) {
