@@ -64,6 +64,16 @@ foreach {kind make name} {
         [list timed $prepare "::baseline::set $name \$value"]
 }
 
+# The dict again, read from Python by tcl.get (the baseline's tcl_get reads it on
+# the same thread).
+::python::exec {import benchtools}
+::baseline::exec {import benchtools}
+compare convert.dict.get 5 1 \
+    [list timed "set value \[dictOf $dictSize\]; ::python::exec {D = None}" \
+         {::python::exec {D = tcl.get('value')}}] \
+    [list timed "set value \[dictOf $dictSize\]; ::baseline::exec {D = None}" \
+         {::baseline::exec {D = benchtools.tcl_get('value')}}]
+
 # Python to Tcl: the Tcl result replaces nothing.
 foreach {kind name} {list L dict D text S} {
     set prepare "unset -nocomplain result; ::python::exec {fresh('$kind')}"

@@ -244,6 +244,9 @@ def build_rows(raw, latency, memory, cpp, data, line):
             else:
                 pair("5", f"{label} {arrow}", "ms", f"convert.{kind}.{direction}", ms)
             rows[-1].note = "baseline: same conversion in-thread"
+    pair("5", f"dict of {int(raw.get('convert.dict.size', 0)):,} entries Tcl->Python by tcl.get",
+         "ms", "convert.dict.get", ms, "<= 1.2x", 1.2)
+    rows[-1].note = "baseline: benchtools.tcl_get in-thread"
 
     depth = int(raw.get("nest.depth", 0))
     pair("6", f"nesting Tcl->Python->Tcl, per level ({depth} levels)", "us/level", "nest", us)

@@ -17,8 +17,38 @@ TakenError takeError() {
     return error;
 }
 
+namespace {
+thread_local HeldErrors* holder = nullptr;
+} // namespace
+
+HeldErrors::HeldErrors() : outer_(holder) { holder = this; }
+
+HeldErrors::~HeldErrors() { printHeld(); }
+
+void HeldErrors::printHeld() {
+    if (holder == this) holder = outer_;
+    if (held_.empty()) return;
+    // An error pending now is not ours: it waits until those kept are out.
+    TakenError pending = takeError();
+    for (TakenError& error : held_) {
+        PyErr_Restore(error.type.release(), error.value.release(), error.traceback.release());
+        printPythonError();
+    }
+    held_.clear();
+    if (pending.type)
+        PyErr_Restore(pending.type.release(), pending.value.release(),
+                      pending.traceback.release());
+}
+
 void printPythonError() {
     if (!PyErr_Occurred()) return;
+    if (holder) {
+        // Without the error, its normal form, and a failure to store it
+        // loses only the report.
+        TakenError error = takeError();
+        withoutExceptions([&] { holder->held_.push_back(std::move(error)); }, [](bool) {});
+        return;
+    }
     if (PyErr_ExceptionMatches(PyExc_SystemExit)) {
         const TakenError error = takeError();
         PyErr_Display(error.type.get(), error.value.get(), error.traceback.get());

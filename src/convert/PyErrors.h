@@ -7,6 +7,8 @@
 #include "Guard.h"
 #include "SmartObj.h"
 
+#include <vector>
+
 namespace pytarn {
 
 // Prints the pending Python error through sys.stderr and clears it. Unlike
@@ -22,6 +24,25 @@ struct TakenError {
     SmartPyObj traceback;
 };
 TakenError takeError();
+
+// While one lives on a thread, printPythonError there keeps each error
+// instead of printing it: printing runs Python code (sys.excepthook, a
+// stream's write), which may call Tcl, and the Tcl thread may be waiting for
+// this very thread without serving calls (a value it lent, see Lending.h).
+// printHeld() prints what was kept, in order; the destructor does so too.
+class HeldErrors {
+public:
+    HeldErrors();
+    ~HeldErrors();
+    HeldErrors(const HeldErrors&) = delete;
+    HeldErrors& operator=(const HeldErrors&) = delete;
+    void printHeld();
+
+private:
+    friend void printPythonError();
+    HeldErrors* outer_;
+    std::vector<TakenError> held_;
+};
 
 // The exit code Python would use for an unhandled SystemExit `value`; the
 // message of a non-integer code is written to sys.stderr as Python does.

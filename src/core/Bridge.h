@@ -20,7 +20,8 @@ bool execNoResult(const char* code);
 PyObject* check(const char* text);
 PyObject* tabComplete(const char* text);
 PyObject* get(const char* expression);
-PyObject* set(const char* target, SmartTclObj* value);
+// `converted`: the request's argument, converted (borrowed).
+PyObject* set(const char* target, PyObject* converted);
 PyObject* createFunction(const char* first, const char* second);
 } // namespace python
 

@@ -101,19 +101,9 @@ PyObject* get(const char* expression) {
     return value.release();
 }
 
-PyObject* set(const char* target, SmartTclObj* value) {
-    if (!*value) {
-        PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
-        return nullptr;
-    }
-    SmartPyObj converted = tcl_convert::fromTcl(value->get());
-    if (!converted) {
-        if (!PyErr_Occurred())
-            PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);
-        return nullptr;
-    }
+PyObject* set(const char* target, PyObject* converted) {
     if (python_state.tcl &&
-        PyObject_SetAttrString(python_state.tcl.get(), "__swap", converted.get()) != 0)
+        PyObject_SetAttrString(python_state.tcl.get(), "__swap", converted) != 0)
         return nullptr;
     if (execNoResult((std::string(target) + " = __tcl.__swap\n__tcl.__swap = None\n").c_str()))
         return nullptr;

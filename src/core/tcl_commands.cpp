@@ -3,6 +3,7 @@
 #include "Bridge.h"
 
 #include "convert/Guard.h"
+#include "convert/Lending.h"
 #include "convert/TclConvert.h"
 
 #include <string>
@@ -71,11 +72,20 @@ int get(void*, Tcl_Interp* interp, int argc, const char** argv) {
 int set(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc != 3) return invalid(interp);
     return tclGuard(interp, [&] {
-        // The Python side reads a private copy: the original may be touched by
-        // Tcl code that runs for other Python threads while this one waits.
-        SmartTclObj value(tcl_convert::detachedCopy(objv[2]));
+        // The Python side reads a value that no Tcl code touches while it
+        // does: a private copy, or for a large one the original, lent while
+        // the Tcl thread waits (Lending.h).
+        Tcl_Obj* original = objv[2];
+        const bool lend = event_mgr->mayLend() && tcl_convert::worthLending(original);
+        SmartTclObj value(lend ? original : tcl_convert::detachedCopy(original));
         std::string target = Tcl_GetString(objv[1]);
-        PyEvent request([&target, &value] { return python::set(target.c_str(), &value); });
+        PyEvent request(nullptr);
+        request.func = [&target, &request] {
+            return python::set(target.c_str(), request.converted);
+        };
+        request.has_argument = true;
+        request.lends = lend;
+        request.argument = value.get();
         return event_mgr->spin(&request);
     });
 }

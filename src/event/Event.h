@@ -88,6 +88,11 @@ struct alignas(cache_line) PyEvent {
     int exit_code = 0;
     bool exit_requested = false;
     std::atomic<bool> done{false};
+    // The request carries `argument` (below), converted before the work.
+    bool has_argument = false;
+    // The argument is the Tcl thread's own object, lent (Lending.h): the Tcl
+    // thread runs nothing until `taken`.
+    bool lends = false;
     std::uint64_t call = 0; // its number among the Tcl thread's calls (RunningCalls)
     // A short result travels here instead of in `result` (see Scalar).
     tcl_convert::Scalar scalar;
@@ -97,6 +102,14 @@ struct alignas(cache_line) PyEvent {
     // A TclError that came back uncaught from a failed Tcl call: its own
     // -errorcode words, which Tcl then sees instead of "PYTHON TclError".
     std::vector<std::string> error_code;
+    // A value for the work, converted on the Python thread before the work
+    // runs; null means nested too deeply (a copy that failed). Not owned.
+    Tcl_Obj* argument = nullptr;
+    // Its conversion, which the work reads; not owned, valid during `func`.
+    PyObject* converted = nullptr;
+    // Set (release) once a lent argument will not be touched again: after
+    // its conversion, or on any path that skips it. Every path sets it.
+    std::atomic<bool> taken{false};
 };
 
 // A request carried out on the main Tcl thread. Its shape says what it asks:
@@ -142,6 +155,12 @@ struct alignas(cache_line) TclEvent {
     // The action uses only the standard channels: once the interpreter is
     // deleted it still runs, given a null interpreter, instead of failing.
     bool outlives_interp = false;
+    // A large result lent instead of copied (Lending.h): the Tcl thread's own
+    // object, not owned. The requester converts it, then sets `*given_back`
+    // (release), a flag of the Tcl thread's, which runs nothing until then.
+    // Both null when the result is a copy (or there is none).
+    Tcl_Obj* lent = nullptr;
+    std::atomic<bool>* given_back = nullptr;
 };
 
 // One thread's own wake-up. A thread whose watch has run out parks on its
@@ -419,10 +438,10 @@ private:
 class PythonEventQueue : public _LockedQueueT<PyEvent> {
 public:
     // The calling Python thread's inbox: the one it was given (useAsOwn), or
-    // one lent to it at its first call into Tcl and given back when the
+    // one handed to it at its first call into Tcl and taken back when the
     // thread ends, which it cannot do while the Tcl thread carries its
-    // request. Lent inboxes are never freed but lent again: the Tcl thread
-    // may still be unparking one whose thread has just seen its answer.
+    // request. Such inboxes are never freed but handed out again: the Tcl
+    // thread may still be unparking one whose thread has just seen its answer.
     static PythonEventQueue& own();
     // The calling thread's inbox is this one from now on.
     void useAsOwn();
@@ -479,6 +498,8 @@ struct Carrying {
     PythonEventQueue* inbox; // the requester's; null once released
     Carrying* outer;
     bool released = false;   // finished early: `ev` must not be touched
+    SmartTclObj lent;        // the result lent to the requester, until given back
+    std::atomic<bool> given_back{false};
 };
 
 class EventMgr {
@@ -488,6 +509,11 @@ public:
     PythonEventQueue& inbox() {
         return carrying && carrying->inbox ? *carrying->inbox : python_queue;
     }
+    // Tcl thread: whether a request made now is taken up at once, so that
+    // the Tcl thread may lend it a value and wait serving nothing meanwhile:
+    // the requester of the TclEvent carried out now waits in its inbox, and
+    // the bridge's own thread is idle while no call into Python is open.
+    bool mayLend() const { return carrying ? carrying->inbox != nullptr : calls.depth() == 0; }
     // Tcl thread, exiting from inside requests it carries: finishes them all
     // (as abandoned), so that their requesters may go on and end.
     void releaseCarried();

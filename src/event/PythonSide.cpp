@@ -1,6 +1,7 @@
 // The Python threads' half of the transport: carrying out requests from Tcl
 // and waiting for their own requests to Tcl. See Event.h for the model.
 #include "State.h"
+#include "convert/Lending.h"
 #include "convert/TclConvert.h"
 
 namespace pytarn::event {
@@ -10,7 +11,7 @@ constexpr std::chrono::seconds wait_bound{1};
 
 thread_local PythonEventQueue* own_inbox = nullptr;
 
-// Inboxes whose threads have ended, to be lent again.
+// Inboxes whose threads have ended, to be handed out again.
 struct Spare {
     std::mutex mutex;
     std::vector<PythonEventQueue*> inboxes; // guarded by mutex
@@ -20,7 +21,7 @@ Spare& spare() {
     return *made;
 }
 
-// The thread's lent inbox, given back when the thread ends.
+// The inbox handed to the thread, taken back when the thread ends.
 struct Lease {
     Lease() = default;
     Lease(const Lease&) = delete;
@@ -46,6 +47,41 @@ bool refused(const TclEvent* ev) {
 void finishRefused(TclEvent* ev) {
     ev->interp_deleted = true;
     ev->done.store(true);
+}
+
+// Gives a lent result back to the Tcl thread, which waits for it, on every
+// path; the flag is the Tcl thread's and is never touched after the store.
+class GiveBack {
+public:
+    explicit GiveBack(TclEvent* ev) : flag_(ev->given_back) {}
+    ~GiveBack() {
+        flag_->store(true); // sequentially consistent, for the parked Tcl thread
+        event_mgr->tcl_queue.owner.unpark();
+    }
+    GiveBack(const GiveBack&) = delete;
+    GiveBack& operator=(const GiveBack&) = delete;
+
+private:
+    std::atomic<bool>* flag_;
+};
+
+// A result that the Tcl thread lent: converted before any Python code can
+// run here (a signal handler, a finalizer may call Tcl, which waits), then
+// given back. An interrupt that came meanwhile is raised after.
+PyObject* takeLent(TclEvent* ev) {
+    SmartPyObj value;
+    {
+        tcl_convert::NoPythonCode quiet; // ends last: its kept errors are Python code
+        GiveBack back(ev);
+        value = tcl_convert::fromTcl(ev->lent);
+    }
+    if (!value) {
+        if (!PyErr_Occurred())
+            PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);
+        return nullptr;
+    }
+    if (PyErr_CheckSignals() != 0) return nullptr;
+    return value.release();
 }
 } // namespace
 
@@ -124,6 +160,7 @@ PyObject* EventMgr::spin(TclEvent* ev) {
     tcl_queue.push(ev);
     inbox.waitFor(ev);
     if (!ev->done.load()) Py_RETURN_NONE;
+    if (ev->given_back) return takeLent(ev);
     // An interrupt that came while Tcl worked is raised here, before the
     // conversion, whose failed attempts would otherwise swallow it.
     if (PyErr_CheckSignals() != 0) return nullptr;

@@ -30,6 +30,8 @@ public:
     std::uint64_t enter();
     // Main Tcl thread: the innermost call has ended.
     void leave();
+    // Main Tcl thread: how many calls are open.
+    int depth() const { return depth_.load(std::memory_order_relaxed); }
 
     // Python thread, lock held: it starts carrying out call `number`. True
     // when an interrupt came for it while it waited in the queue.

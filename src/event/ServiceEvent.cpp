@@ -1,6 +1,7 @@
 // Carrying out one request from Tcl on a Python thread, and turning a Python
 // exception into the Tcl error result.
 #include "State.h"
+#include "convert/Lending.h"
 #include "convert/PyErrors.h"
 #include "convert/TclConvert.h"
 
@@ -140,14 +141,45 @@ void takeLateInterrupt() {
     }
 }
 
+// Tells the Tcl thread that its lent argument is no longer touched here.
+void markTaken(PyEvent* ev) {
+    if (!ev->lends) return;
+    ev->taken.store(true); // sequentially consistent, for the parked Tcl thread
+    event_mgr->tcl_queue.owner.unpark();
+}
+
+// The request's argument as a Python object; empty, with an error set, when
+// it did not convert. A lent one is converted before anything else runs
+// here, and the Tcl thread is told once it is no longer touched.
+SmartPyObj convertArgument(PyEvent* ev) {
+    SmartPyObj converted;
+    {
+        tcl_convert::NoPythonCode quiet;
+        if (ev->argument) {
+            converted = pythonGuard([ev] { return tcl_convert::fromTcl(ev->argument).release(); });
+        } else {
+            PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
+        }
+        if (!converted && !PyErr_Occurred())
+            PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);
+        markTaken(ev);
+    }
+    return converted;
+}
+
 } // namespace
 
 void PythonEventQueue::serviceEvent(PyEvent* ev) {
     RunningCalls& calls = event_mgr->calls;
     SmartPyObj returned;
+    SmartPyObj argument;
     if (calls.begin(ev->call)) {
+        markTaken(ev); // never converted
         PyErr_SetNone(PyExc_KeyboardInterrupt); // interrupted before it started
+    } else if (ev->has_argument && !(argument = convertArgument(ev))) {
+        // The conversion's error fails the request.
     } else {
+        ev->converted = argument.get();
         // An exception in the work becomes a Python MemoryError (or
         // RuntimeError) and is reported like any other failure.
         returned = pythonGuard([ev] { return ev->func(); });
@@ -178,7 +210,8 @@ void PythonEventQueue::serviceEvent(PyEvent* ev) {
         });
     ev->done.store(true);
     event_mgr->tcl_queue.owner.unpark(); // only the main Tcl thread waits for a PyEvent
-    // `returned` is released only now: its release may run Python code.
+    // `returned` and `argument` are released only now: a release may run
+    // Python code.
 }
 
 } // namespace pytarn::event

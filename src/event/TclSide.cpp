@@ -2,6 +2,7 @@
 // and waiting for its own requests to Python. See Event.h for the model.
 #include "State.h"
 #include "convert/Guard.h"
+#include "convert/Lending.h"
 #include "convert/TclConvert.h"
 
 #include <cerrno>
@@ -122,11 +123,44 @@ void complete(TclEvent* ev) {
     }
 }
 
-// Hands the requester a copy that Tcl will never touch again.
-void storeResult(TclEvent* ev, Tcl_Obj* value) {
+// Hands the requester a short result inside the record, a copy that Tcl
+// will never touch again, or for a large value the value itself, lent until
+// the requester gives it back.
+void storeResult(Carrying& here, Tcl_Obj* value) {
+    TclEvent* ev = here.ev;
     if (tcl_convert::toScalar(value, &ev->scalar)) return;
+    if (tcl_convert::worthLending(value)) {
+        here.lent = value;
+        ev->lent = value;
+        ev->given_back = &here.given_back;
+        return;
+    }
     ev->result = tcl_convert::detachedCopy(value);
     ev->too_deep = !ev->result;
+}
+
+// A lent result goes as a copy after all (`copy`), or not at all.
+void unlend(Carrying& here, bool copy) {
+    TclEvent* ev = here.ev;
+    if (copy && here.lent) {
+        ev->result = tcl_convert::detachedCopy(here.lent.get());
+        ev->too_deep = !ev->result;
+    }
+    ev->lent = nullptr;
+    ev->given_back = nullptr;
+    here.lent = nullptr;
+}
+
+// Once the requester has the lent result's conversion, the reference goes.
+void waitGivenBack(Carrying& here) {
+    auto back = [&here] { return here.given_back.load(); };
+    const Parker* requester = here.inbox ? &here.inbox->owner : nullptr;
+    for (;;) {
+        std::uint64_t seen = notifier->generation();
+        if (back()) break;
+        notifier->waitChange(event_mgr->tcl_queue.owner, requester, seen, wait_bound, back);
+    }
+    here.lent = nullptr;
 }
 
 // One entry of the return options; null when it is not there.
@@ -137,6 +171,18 @@ Tcl_Obj* optionEntry(Tcl_Obj* options, const char* name) {
     if (Tcl_DictObjGet(nullptr, options, key, &entry) != TCL_OK) entry = nullptr;
     Tcl_DecrRefCount(key);
     return entry;
+}
+
+// A request that lent the Tcl thread's own object (Lending.h): until it is
+// taken, this thread touches no Tcl object, so it carries out no request and
+// writes no output; it only waits. Every path on the Python side sets it.
+void waitTaken(PyEvent* ev, const Parker* partner) {
+    auto taken = [ev] { return ev->taken.load(); };
+    for (;;) {
+        std::uint64_t seen = notifier->generation();
+        if (taken()) return;
+        notifier->waitChange(event_mgr->tcl_queue.owner, partner, seen, wait_bound, taken);
+    }
 }
 
 // Gives every word back: the requester handed its references over.
@@ -210,7 +256,7 @@ namespace {
 // Carries out a request that needs the interpreter, which the caller keeps
 // preserved. False when the record was released meanwhile (an exit from
 // inside it): it is no longer ours to touch.
-bool carryOut(Tcl_Interp* interp, const Carrying& here) {
+bool carryOut(Tcl_Interp* interp, Carrying& here) {
     TclEvent* ev = here.ev;
     if (ev->script) {
         int code = Tcl_EvalEx(interp, tcl_convert::TclText(ev->script).get(), -1,
@@ -218,14 +264,14 @@ bool carryOut(Tcl_Interp* interp, const Carrying& here) {
         if (here.released) return false;
         Tcl_Obj* result = Tcl_GetObjResult(interp);
         if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
-        if (ev->error.empty()) storeResult(ev, result);
+        if (ev->error.empty()) storeResult(here, result);
     } else if (ev->words) {
         // Words go to the command as they are: no substitution, no parsing.
         int code = Tcl_EvalObjv(interp, ev->word_count, const_cast<Tcl_Obj**>(ev->words),
                                 TCL_EVAL_GLOBAL);
         if (here.released) return false; // the words are left to the process's end
         if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
-        if (ev->error.empty()) storeResult(ev, Tcl_GetObjResult(interp));
+        if (ev->error.empty()) storeResult(here, Tcl_GetObjResult(interp));
         releaseWords(ev);
     } else if (ev->action) {
         ev->action(interp, ev);
@@ -238,7 +284,7 @@ bool carryOut(Tcl_Interp* interp, const Carrying& here) {
         Tcl_Obj* value = Tcl_GetVar2Ex(interp, tcl_convert::TclText(ev->variable).get(),
                                        nullptr, TCL_GLOBAL_ONLY | TCL_LEAVE_ERR_MSG);
         if (value) {
-            storeResult(ev, value);
+            storeResult(here, value);
         } else {
             TclEventQueue::storeFailure(interp, ev, TCL_ERROR);
         }
@@ -248,9 +294,10 @@ bool carryOut(Tcl_Interp* interp, const Carrying& here) {
 
 // An allocation that failed half way leaves no partial outcome behind.
 // False, as carryOut, when the record is no longer ours.
-bool failedInternally(const Carrying& here) {
+bool failedInternally(Carrying& here) {
     if (here.released) return false;
     TclEvent* ev = here.ev;
+    unlend(here, false);
     ev->error.clear();
     ev->error_code.clear();
     ev->error_info.clear();
@@ -297,8 +344,12 @@ void carry(Carrying& here) {
     Tcl_Preserve(interp);
     const bool carried = withoutExceptions([&] { return carryOut(interp, here); },
                                            [&here](bool) { return failedInternally(here); });
+    // The release of a deleted interpreter runs its deletion callbacks.
+    if (here.lent && Tcl_InterpDeleted(interp)) unlend(here, true);
     Tcl_Release(interp);
-    if (carried && !here.released) complete(ev);
+    if (!carried || here.released) return;
+    complete(ev);
+    if (here.lent) waitGivenBack(here);
 }
 
 } // namespace
@@ -306,7 +357,7 @@ void carry(Carrying& here) {
 // Whatever it does, including a request for Python that goes to `ev`'s
 // requester, happens with `ev` innermost in EventMgr::carrying.
 void TclEventQueue::serviceEvent(TclEvent* ev) {
-    Carrying here{ev, ev->inbox, event_mgr->carrying};
+    Carrying here{ev, ev->inbox, event_mgr->carrying, false, {}, {false}};
     event_mgr->carrying = &here;
     carry(here);
     event_mgr->carrying = here.outer;
@@ -328,6 +379,7 @@ void TclEventQueue::waitFor(PyEvent* ev, const Parker* partner) {
 
 bool TclEventQueue::waitFor(PyEvent* ev, const Parker* partner,
                             std::chrono::steady_clock::time_point deadline) {
+    if (ev->lends) waitTaken(ev, partner);
     for (;;) {
         std::uint64_t seen = notifier->generation();
         if (ev->done.load()) {

@@ -140,6 +140,24 @@ TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
     calls.leave();
 }
 
+// The Tcl thread waits for a lent argument until it is taken: a request interrupted before
+// it starts, which never converts it, says so too.
+TEST(PyEventService, ALentArgumentIsTakenWhenInterruptedBeforeItStarts) {
+    RunningCalls& calls = pytarn::event_mgr->calls;
+    pytarn::SmartTclObj value(Tcl_NewStringObj("42", -1));
+    PyEvent ev([] { return py("None").release(); });
+    ev.has_argument = true;
+    ev.lends = true;
+    ev.argument = value.get();
+    ev.call = calls.enter();
+    calls.markInnermost();
+    calls.takeMark();
+    PythonEventQueue::serviceEvent(&ev);
+    calls.leave();
+    EXPECT_TRUE(ev.taken.load());
+    EXPECT_EQ(ev.status, TCL_ERROR);
+}
+
 // Calls nested deeper than the table's levels share its last slot: an interrupt asked for
 // there still finds the innermost call, queued or running.
 TEST(RunningCalls, PastTheDeepestLevelTheInnermostCallIsInterrupted) {
@@ -187,8 +205,8 @@ TEST(WorkFunctions, SetFailsWithNullAndItsErrorSet) {
              {"answer", "object()", "AttributeError"}}) { // the value cannot be handed over
         state.tcl = py(swap);
         PyDict_SetItemString(state.main_dict.get(), "__tcl", state.tcl.get());
-        pytarn::SmartTclObj value(Tcl_NewStringObj("42", -1));
-        pytarn::SmartPyObj returned(pytarn::python::set(target, &value));
+        pytarn::SmartPyObj value(PyLong_FromLong(42));
+        pytarn::SmartPyObj returned(pytarn::python::set(target, value.get()));
         EXPECT_EQ(pendingError(), error) << target;
         EXPECT_EQ(!returned, *error != '\0') << target;
         PyErr_Clear();
