@@ -85,29 +85,4 @@ SmartPyObj fromTclDict(Tcl_Obj* value);
 // Null when nesting exceeds max_depth.
 Tcl_Obj* detachedCopy(Tcl_Obj* value);
 
-// A value small enough to cross between the threads inside a request record:
-// an integer, or a short text. A Tcl object made on one thread and read and
-// freed on the other would cost its own cache lines and its allocator's
-// passed between the cores, which is more than the rest of a short call.
-struct Scalar {
-    static constexpr int capacity = 39; // bytes of text; a NUL follows them
-    enum class Kind : unsigned char { none, integer, text };
-    Kind kind = Kind::none;
-    unsigned char length = 0; // of the text
-    union {
-        Tcl_WideInt integer;
-        char text[capacity + 1];
-    };
-};
-// Tcl side, no Python: fills `out` when `value` is a scalar as fromTcl reads
-// it (neither a list nor a dict, and short), with what fromTcl reads.
-bool toScalar(Tcl_Obj* value, Scalar* out);
-// Python side: fromTcl of the value that made `scalar`.
-SmartPyObj fromScalar(const Scalar& scalar);
-// Python side: fills `out` when `value` is an exact int or str that toTcl
-// turns into a plain integer or a short text; leaves no error set.
-bool toScalar(PyObject* value, Scalar* out);
-// Tcl side: toTcl of the value that made `scalar`.
-Tcl_Obj* toTcl(const Scalar& scalar);
-
 } // namespace tcl_convert

@@ -73,13 +73,15 @@ int set(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     if (objc != 3) return invalid(interp);
     return tclGuard(interp, [&] {
         // The Python side reads a value that no Tcl code touches while it
-        // does: a private copy, or for a large one the original, lent while
-        // the Tcl thread waits (Lending.h).
+        // does: a short one inside the request, a private copy, or for a
+        // large one the original, lent while the Tcl thread waits (Lending.h).
         Tcl_Obj* original = objv[2];
-        const bool lend = event_mgr->mayLend() && tcl_convert::worthLending(original);
-        SmartTclObj value(lend ? original : tcl_convert::detachedCopy(original));
-        std::string target = Tcl_GetString(objv[1]);
         PyEvent request(nullptr);
+        const bool lend = event_mgr->mayLend() && tcl_convert::worthLending(original);
+        SmartTclObj value;
+        if (lend || !tcl_convert::toScalar(original, &request.argument_scalar))
+            value = lend ? original : tcl_convert::detachedCopy(original);
+        std::string target = Tcl_GetString(objv[1]);
         request.func = [&target, &request] {
             return python::set(target.c_str(), request.converted);
         };

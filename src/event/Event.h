@@ -46,7 +46,7 @@
 #pragma once
 
 #include "convert/SmartObj.h"
-#include "convert/TclConvert.h"
+#include "convert/Scalar.h"
 #include "OutputQueue.h"
 #include "RunningCalls.h"
 
@@ -110,11 +110,15 @@ struct alignas(cache_line) PyEvent {
     // Set (release) once a lent argument will not be touched again: after
     // its conversion, or on any path that skips it. Every path sets it.
     std::atomic<bool> taken{false};
+    // A short argument travels here instead of in `argument` (see Scalar).
+    // Last: a line that the Python side writes is a line passed between the
+    // cores, so nothing here is written by it unless the request has one.
+    tcl_convert::Scalar argument_scalar;
 };
 
 // A request carried out on the main Tcl thread. Its shape says what it asks:
-// `script` evaluates, `words` calls one command with those words, never
-// parsed, `output` writes (only when EventMgr::output is full; other output
+// `script` evaluates, `words` (or `packed`) calls one command with those
+// words, never parsed, `output` writes (only when EventMgr::output is full; other output
 // never waits), `variable` reads (or, with `value`, writes) a global
 // variable, `action` runs a function of the requester's; none of them is a
 // no-op.
@@ -143,6 +147,8 @@ struct alignas(cache_line) TclEvent {
     bool interp_deleted = false;
     std::atomic<bool> done{false};
     bool to_stderr = false;         // output requests only, which are rare
+    // Words that crossed packed (the requester's), in place of `words`.
+    const tcl_convert::PackedWords* packed = nullptr;
     // A short result travels here instead of in `result` (see Scalar).
     tcl_convert::Scalar scalar;
     std::string error;              // non-empty exactly when the request failed

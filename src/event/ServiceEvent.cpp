@@ -153,6 +153,12 @@ void markTaken(PyEvent* ev) {
 // here, and the Tcl thread is told once it is no longer touched.
 SmartPyObj convertArgument(PyEvent* ev) {
     SmartPyObj converted;
+    if (ev->argument_scalar.kind != tcl_convert::Scalar::Kind::none) {
+        converted = tcl_convert::fromScalar(ev->argument_scalar);
+        if (!converted && !PyErr_Occurred())
+            PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);
+        return converted;
+    }
     {
         tcl_convert::NoPythonCode quiet;
         if (ev->argument) {
@@ -179,7 +185,7 @@ void PythonEventQueue::serviceEvent(PyEvent* ev) {
     } else if (ev->has_argument && !(argument = convertArgument(ev))) {
         // The conversion's error fails the request.
     } else {
-        ev->converted = argument.get();
+        if (ev->has_argument) ev->converted = argument.get();
         // An exception in the work becomes a Python MemoryError (or
         // RuntimeError) and is reported like any other failure.
         returned = pythonGuard([ev] { return ev->func(); });

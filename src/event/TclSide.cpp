@@ -273,6 +273,18 @@ bool carryOut(Tcl_Interp* interp, Carrying& here) {
         if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
         if (ev->error.empty()) storeResult(here, Tcl_GetObjResult(interp));
         releaseWords(ev);
+    } else if (ev->packed) {
+        // The same with words made here, from the requester's packed buffer.
+        Tcl_Obj* words[tcl_convert::PackedWords::max_words];
+        const int count = ev->packed->count();
+        ev->packed->unpack(words);
+        int code = Tcl_EvalObjv(interp, count, words, TCL_EVAL_GLOBAL);
+        if (!here.released) {
+            if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
+            if (ev->error.empty()) storeResult(here, Tcl_GetObjResult(interp));
+        }
+        for (int i = 0; i < count; ++i) Tcl_DecrRefCount(words[i]);
+        if (here.released) return false;
     } else if (ev->action) {
         ev->action(interp, ev);
         if (here.released) return false;

@@ -3,7 +3,7 @@
 #include "PytarnMod.h"
 
 #include "event/State.h"
-#include "convert/TclConvert.h"
+#include "convert/Scalar.h"
 #include "ForkedOutput.h"
 #include "SmallArray.h"
 
@@ -26,6 +26,17 @@ void releaseWords(Tcl_Obj* const* words, int count) {
 }
 
 PyObject* callWordsOf(PyObject* const* args, int count) {
+    // Plain words cross packed: the Tcl thread makes their objects itself.
+    tcl_convert::PackedWords packed;
+    if (packed.pack(args, count)) {
+        if (python_thread.forked.load()) { // as callWords
+            forked::flush();
+            Py_RETURN_NONE;
+        }
+        event::TclEvent request;
+        request.packed = &packed;
+        return event_mgr->spin(&request);
+    }
     SmallArray<Tcl_Obj*, 8> words(count);
     if (!words.data()) return PyErr_NoMemory();
     for (int i = 0; i < count; ++i) {
