@@ -13,6 +13,7 @@
 #include <iostream>
 #include <pthread.h>
 #include <system_error>
+#include <utility>
 
 namespace pytarn {
 
@@ -154,27 +155,34 @@ void runPythonThread() {
     self.notifier.notifyAll();
     if (Py_IsInitialized()) {
         PyGILState_STATE gil = PyGILState_Ensure();
-        PyThreadState* state = PyEval_SaveThread();
+        event::PythonEventQueue& inbox = self.event_mgr.python_queue;
+        auto ready = [&inbox] { return !inbox.looksEmpty(); };
+        // As a Python thread waiting for Tcl (PythonEventQueue::waitFor), it
+        // watches for the next request holding the interpreter lock and
+        // gives the lock away only before it sleeps.
+        PyThreadState* state = nullptr; // set while the lock is given away
         for (;;) {
             std::uint64_t seen = self.notifier.generation();
-            if (!self.event_mgr.python_queue.empty()) {
-                PyEval_RestoreThread(state);
-                self.event_mgr.python_queue.serviceAllEvents();
-                state = PyEval_SaveThread();
+            if (!inbox.looksEmpty()) {
+                if (state) PyEval_RestoreThread(std::exchange(state, nullptr));
+                inbox.serviceAllEvents();
                 continue;
             }
             if (!self.alive.load()) {
                 // Closed, the inbox takes nothing more, and what came before is done.
-                self.event_mgr.python_queue.close();
-                if (!self.event_mgr.python_queue.empty()) continue;
+                inbox.close();
+                if (!inbox.empty()) continue;
                 break;
             }
-            self.notifier.waitChange(self.event_mgr.python_queue.owner,
-                                     &self.event_mgr.tcl_queue.owner, seen, idle_wait_bound,
-                                     [&] { return !self.event_mgr.python_queue.looksEmpty(); });
+            if (state) {
+                self.notifier.park(inbox.owner, seen, idle_wait_bound, ready);
+            } else if (!self.notifier.watchFor(inbox.owner, &self.event_mgr.tcl_queue.owner, seen,
+                                               idle_wait_bound, ready)) {
+                state = PyEval_SaveThread(); // then a last look before sleeping
+            }
         }
         // Ends holding the lock: nothing may run Python after the bridge stops.
-        PyEval_RestoreThread(state);
+        if (state) PyEval_RestoreThread(state);
         PyGILState_Release(gil);
     }
     signals::release();

@@ -4,6 +4,8 @@
 #include "convert/Lending.h"
 #include "convert/TclConvert.h"
 
+#include <utility>
+
 namespace pytarn::event {
 
 namespace {
