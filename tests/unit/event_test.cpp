@@ -86,7 +86,8 @@ TEST(Notifier, WakesEveryWaiterNotifiedBeforeOrDuringItsWait) {
         parked.store(true);
         return false;
     };
-    waiters.emplace_back([&] { notifier.waitChange(parker, nullptr, seen, long_bound, raiseAndWait); });
+    waiters.emplace_back(
+        [&] { notifier.waitChange(parker, nullptr, seen, long_bound, raiseAndWait); });
     while (notifier.sleepers() < 4 || !parked.load()) std::this_thread::yield();
     notifier.notifyAll();
     for (auto& waiter : waiters) waiter.join();
