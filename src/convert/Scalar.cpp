@@ -7,8 +7,9 @@ namespace tcl_convert {
 bool toScalar(Tcl_Obj* value, Scalar* out) {
     if (value->typePtr && (value->typePtr == listType() || value->typePtr == dictType()))
         return false;
-    if (pureInteger(value, &out->integer)) {
-        out->kind = Scalar::Kind::integer;
+    Tcl_WideInt integer = 0;
+    if (pureInteger(value, &integer)) {
+        out->setInteger(integer);
         return true;
     }
     int length = 0;
@@ -23,42 +24,59 @@ bool toScalar(Tcl_Obj* value, Scalar* out) {
 
 SmartPyObj fromScalar(const Scalar& scalar) {
     if (scalar.kind == Scalar::Kind::integer)
-        return SmartPyObj(PyLong_FromLongLong(scalar.integer));
+        return SmartPyObj(PyLong_FromLongLong(scalar.integer()));
     return fromTclPlainText(scalar.text, scalar.length);
 }
 
-bool toScalar(PyObject* value, Scalar* out) {
+Scalar::Kind plainValue(PyObject* value, std::size_t limit, Tcl_WideInt* integer,
+                        const char** text, std::size_t* length) {
     if (PyLong_CheckExact(value)) {
         int overflow = 0;
         const long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
         if (overflow || (number == -1 && PyErr_Occurred())) {
             PyErr_Clear();
-            return false;
+            return Scalar::Kind::none;
         }
-        out->integer = static_cast<Tcl_WideInt>(number);
-        out->kind = Scalar::Kind::integer;
-        return true;
+        *integer = static_cast<Tcl_WideInt>(number);
+        return Scalar::Kind::integer;
     }
-    // Text beyond U+FFFF is recoded for Tcl (see toTclStr): not a scalar.
+    // Text beyond U+FFFF is recoded for Tcl (see toTclStr): not plain.
     if (!PyUnicode_CheckExact(value) || PyUnicode_MAX_CHAR_VALUE(value) > 0xFFFF ||
-        PyUnicode_GET_LENGTH(value) > Scalar::capacity)
-        return false;
-    Py_ssize_t length = 0;
-    const char* text = PyUnicode_AsUTF8AndSize(value, &length);
-    if (!text || length > Scalar::capacity) {
+        static_cast<std::size_t>(PyUnicode_GET_LENGTH(value)) > limit)
+        return Scalar::Kind::none;
+    Py_ssize_t size = 0;
+    const char* utf8 = PyUnicode_AsUTF8AndSize(value, &size);
+    if (!utf8 || static_cast<std::size_t>(size) > limit) {
         PyErr_Clear();
-        return false;
+        return Scalar::Kind::none;
     }
-    // As Tcl_NewStringObj(text, -1) in toTclStr: up to the first NUL.
-    const std::size_t kept = std::strlen(text);
-    std::memcpy(out->text, text, kept + 1);
-    out->length = static_cast<unsigned char>(kept);
-    out->kind = Scalar::Kind::text;
-    return true;
+    *text = utf8;
+    *length = std::strlen(utf8); // as Tcl_NewStringObj(text, -1) in toTclStr
+    return Scalar::Kind::text;
+}
+
+bool toScalar(PyObject* value, Scalar* out) {
+    Tcl_WideInt integer = 0;
+    const char* text = nullptr;
+    std::size_t length = 0;
+    switch (plainValue(value, Scalar::capacity, &integer, &text, &length)) {
+    case Scalar::Kind::integer:
+        out->setInteger(integer);
+        return true;
+    case Scalar::Kind::text:
+        std::memcpy(out->text, text, length);
+        out->text[length] = '\0';
+        out->length = static_cast<unsigned char>(length);
+        out->kind = Scalar::Kind::text;
+        return true;
+    case Scalar::Kind::none:
+        break;
+    }
+    return false;
 }
 
 Tcl_Obj* toTcl(const Scalar& scalar) {
-    if (scalar.kind == Scalar::Kind::integer) return Tcl_NewWideIntObj(scalar.integer);
+    if (scalar.kind == Scalar::Kind::integer) return Tcl_NewWideIntObj(scalar.integer());
     return Tcl_NewStringObj(scalar.text, scalar.length);
 }
 
@@ -73,22 +91,22 @@ bool PackedWords::pack(PyObject* const* words, int count) {
     if (count > max_words) return false;
     std::size_t used = 0;
     for (int i = 0; i < count; ++i) {
-        Scalar word;
-        if (words[i] == Py_None) {
-            word.kind = Scalar::Kind::text;
-            word.length = 0;
-        } else if (!toScalar(words[i], &word)) {
-            return false;
-        }
-        const bool integer = word.kind == Scalar::Kind::integer;
-        const std::size_t size = integer ? 1 + sizeof word.integer : 2 + word.length;
+        Tcl_WideInt integer = 0;
+        const char* text = "";
+        std::size_t length = 0; // None is the empty word
+        const Scalar::Kind kind = words[i] == Py_None
+                                      ? Scalar::Kind::text
+                                      : plainValue(words[i], 255, &integer, &text, &length);
+        if (kind == Scalar::Kind::none) return false;
+        const bool isInteger = kind == Scalar::Kind::integer;
+        const std::size_t size = isInteger ? 1 + sizeof integer : 2 + length;
         if (used + size > capacity) return false;
-        bytes_[used] = integer ? packed_integer : packed_text;
-        if (integer) {
-            std::memcpy(bytes_ + used + 1, &word.integer, sizeof word.integer);
+        bytes_[used] = isInteger ? packed_integer : packed_text;
+        if (isInteger) {
+            std::memcpy(bytes_ + used + 1, &integer, sizeof integer);
         } else {
-            bytes_[used + 1] = word.length;
-            std::memcpy(bytes_ + used + 2, word.text, word.length);
+            bytes_[used + 1] = static_cast<unsigned char>(length);
+            std::memcpy(bytes_ + used + 2, text, length);
         }
         used += size;
     }

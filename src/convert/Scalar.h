@@ -7,27 +7,42 @@
 #include "TclConvert.h"
 
 #include <cstddef>
+#include <cstring>
 
 namespace tcl_convert {
 
-// One value: an integer, or a short text.
+// One value: an integer, or a short text. Sixteen bytes and no alignment, so
+// that it fits in a record's first cache line beside the fields a call uses.
 struct Scalar {
-    static constexpr int capacity = 39; // bytes of text; a NUL follows them
+    static constexpr int capacity = 13; // bytes of text; a NUL follows them
     enum class Kind : unsigned char { none, integer, text };
     Kind kind = Kind::none;
-    unsigned char length = 0; // of the text
-    union {
-        Tcl_WideInt integer;
-        char text[capacity + 1];
-    };
+    unsigned char length = 0;  // of the text
+    char text[capacity + 1];   // or the integer's bytes
+
+    Tcl_WideInt integer() const {
+        Tcl_WideInt number = 0;
+        std::memcpy(&number, text, sizeof number);
+        return number;
+    }
+    void setInteger(Tcl_WideInt number) {
+        std::memcpy(text, &number, sizeof number);
+        kind = Kind::integer;
+    }
 };
+static_assert(sizeof(Scalar) == 16, "a scalar is meant to share a record's first line");
 // Tcl side, no Python: fills `out` when `value` is a scalar as fromTcl reads
 // it (neither a list nor a dict, and short), with what fromTcl reads.
 bool toScalar(Tcl_Obj* value, Scalar* out);
 // Python side: fromTcl of the value that made `scalar`.
 SmartPyObj fromScalar(const Scalar& scalar);
-// Python side: fills `out` when `value` is an exact int or str that toTcl
-// turns into a plain integer or a short text; leaves no error set.
+// Python side: what toTcl makes of `value` when that is a plain integer (an
+// exact int that fits 64 bits: `*integer`) or a plain text of at most
+// `limit` bytes (an exact str: `*text` and `*length`, up to its first NUL, as
+// toTcl keeps it); Kind::none for anything else. Leaves no error set.
+Scalar::Kind plainValue(PyObject* value, std::size_t limit, Tcl_WideInt* integer,
+                        const char** text, std::size_t* length);
+// Python side: fills `out` when `value` is a plain value that fits a Scalar.
 bool toScalar(PyObject* value, Scalar* out);
 // Tcl side: toTcl of the value that made `scalar`.
 Tcl_Obj* toTcl(const Scalar& scalar);

@@ -94,8 +94,10 @@ struct alignas(cache_line) PyEvent {
     // thread runs nothing until `taken`.
     bool lends = false;
     std::uint64_t call = 0; // its number among the Tcl thread's calls (RunningCalls)
-    // A short result travels here instead of in `result` (see Scalar).
+    // A short result travels here instead of in `result` (see Scalar), and
+    // a short argument instead of in `argument`: both in the second line.
     tcl_convert::Scalar scalar;
+    tcl_convert::Scalar argument_scalar;
     // The failing exception's type name, which becomes the Tcl error code
     // "PYTHON <name>"; empty when the request did not fail in Python.
     std::string error_type;
@@ -110,10 +112,6 @@ struct alignas(cache_line) PyEvent {
     // Set (release) once a lent argument will not be touched again: after
     // its conversion, or on any path that skips it. Every path sets it.
     std::atomic<bool> taken{false};
-    // A short argument travels here instead of in `argument` (see Scalar).
-    // Last: a line that the Python side writes is a line passed between the
-    // cores, so nothing here is written by it unless the request has one.
-    tcl_convert::Scalar argument_scalar;
 };
 
 // A request carried out on the main Tcl thread. Its shape says what it asks:
@@ -127,7 +125,6 @@ struct alignas(cache_line) TclEvent {
     TclEvent(const TclEvent&) = delete;
     TclEvent& operator=(const TclEvent&) = delete;
 
-    const char* output = nullptr;   // not owned; lives as long as the call
     const char* script = nullptr;   // not owned
     const char* variable = nullptr; // not owned
     // The requester's inbox, where the requests made while this one is
@@ -137,8 +134,10 @@ struct alignas(cache_line) TclEvent {
     // with the request: it gives them back itself, since Tcl may keep them
     // (`set x` stores its word). The array is the requester's.
     Tcl_Obj* const* words = nullptr;
-    SmartTclObj value;              // value to assign, unshared
     SmartTclObj result;             // a detached copy of the Tcl result
+    // A short result travels here instead of in `result`: the requester
+    // then reads one line of the record (see Scalar).
+    tcl_convert::Scalar scalar;
     int word_count = 0;
     bool too_deep = false;          // the result was nested too deeply to copy
     // Failures of the bridge itself, flagged without allocating: Python gets
@@ -146,11 +145,12 @@ struct alignas(cache_line) TclEvent {
     bool no_memory = false;
     bool interp_deleted = false;
     std::atomic<bool> done{false};
+    // The fields of rarer requests come after the first line.
+    const char* output = nullptr;   // not owned; lives as long as the call
     bool to_stderr = false;         // output requests only, which are rare
+    SmartTclObj value;              // tcl.set's value to assign, unshared
     // Words that crossed packed (the requester's), in place of `words`.
     const tcl_convert::PackedWords* packed = nullptr;
-    // A short result travels here instead of in `result` (see Scalar).
-    tcl_convert::Scalar scalar;
     std::string error;              // non-empty exactly when the request failed
     std::vector<std::string> error_code; // the failure's -errorcode, word by word
     std::string error_info;              // and its -errorinfo
