@@ -354,7 +354,10 @@ private:
 template <typename T>
 class alignas(cache_line) _LockedQueueT {
 public:
+    // Null when empty; an empty queue is seen without taking the lock, which
+    // would take the line from a thread about to push.
     T* pop() {
+        if (looksEmpty()) return nullptr;
         std::lock_guard<std::mutex> lock(mutex);
         if (nearCount() == 0) return nullptr;
         T* front = near_[0];
