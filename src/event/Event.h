@@ -68,8 +68,10 @@ namespace pytarn::event {
 constexpr std::size_t cache_line = 64;
 
 // Records are aligned to a cache line and keep everything a plain request
-// reads and writes in their first line, so that the record travels between
-// the two cores once each way; the failure details come after.
+// reads and writes in their first line (a PyEvent's short result and
+// argument in its second), so that the record travels between the two cores
+// once each way; the failure details come after. The answering side writes
+// no line that the request does not use: each such line crosses too.
 
 class PythonEventQueue;
 
