@@ -173,8 +173,7 @@ struct alignas(cache_line) TclEvent {
 
 // One thread's own wake-up. A thread whose watch has run out parks on its
 // parker; whoever makes the change it waits for unparks that one thread, and
-// when it is not asleep pays one fence and one look at a flag that only the
-// sleeper writes. No other waiter is roused: a wake-up that reaches threads
+// when it is not asleep pays one look at a flag that only the sleeper writes. No other waiter is roused: a wake-up that reaches threads
 // with nothing to do costs the machine their switches.
 class alignas(cache_line) Parker {
 public:
@@ -203,8 +202,8 @@ public:
         asleep_.store(false, std::memory_order_relaxed);
         noteCore(); // the scheduler may have woken it on another core
     }
-    // Any thread, once the change is published by a sequentially
-    // consistent store (a record's `done`, a queue's count). A parker outlives every
+    // Any thread, once the change is published by a sequentially consistent
+    // store (a record's `done`, a queue's count). A parker outlives every
     // thread that may unpark it (see PythonEventQueue::own), so a late
     // unpark at worst wakes its next owner once for nothing.
     void unpark() {
