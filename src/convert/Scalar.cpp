@@ -111,7 +111,6 @@ bool PackedWords::pack(PyObject* const* words, int count) {
         used += size;
     }
     count_ = count;
-    used_ = used;
     return true;
 }
 

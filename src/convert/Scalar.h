@@ -63,7 +63,6 @@ public:
 private:
     static constexpr std::size_t capacity = 248;
     int count_ = 0;
-    std::size_t used_ = 0;
     unsigned char bytes_[capacity];
 };
 

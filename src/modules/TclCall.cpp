@@ -25,17 +25,22 @@ void releaseWords(Tcl_Obj* const* words, int count) {
     for (int i = 0; i < count; ++i) Tcl_DecrRefCount(words[i]);
 }
 
+// No Tcl thread lives in a forked child: nothing is called there, as for eval.
+PyObject* send(event::TclEvent* request) {
+    if (python_thread.forked.load()) {
+        forked::flush();
+        Py_RETURN_NONE;
+    }
+    return event_mgr->spin(request);
+}
+
 PyObject* callWordsOf(PyObject* const* args, int count) {
     // Plain words cross packed: the Tcl thread makes their objects itself.
     tcl_convert::PackedWords packed;
     if (packed.pack(args, count)) {
-        if (python_thread.forked.load()) { // as callWords
-            forked::flush();
-            Py_RETURN_NONE;
-        }
         event::TclEvent request;
         request.packed = &packed;
-        return event_mgr->spin(&request);
+        return send(&request);
     }
     SmallArray<Tcl_Obj*, 8> words(count);
     if (!words.data()) return PyErr_NoMemory();
@@ -52,16 +57,11 @@ PyObject* callWordsOf(PyObject* const* args, int count) {
 } // namespace
 
 PyObject* callWords(Tcl_Obj* const* words, int count) {
+    if (python_thread.forked.load()) releaseWords(words, count); // never sent
     event::TclEvent request;
     request.words = words;
     request.word_count = count;
-    if (python_thread.forked.load()) {
-        // No Tcl thread in a forked child: nothing is called, as for eval.
-        forked::flush();
-        releaseWords(words, count);
-        Py_RETURN_NONE;
-    }
-    return event_mgr->spin(&request);
+    return send(&request);
 }
 
 PyObject* call(PyObject*, PyObject* const* args, Py_ssize_t count) {
