@@ -17,7 +17,7 @@ int createFunction(const char* first, const char* second) {
     if (!interp) return TCL_ERROR; // the host deleted it
     return tclGuard(interp, [first, second] {
         event::PyEvent request(
-            [first, second] { return python::createFunction(first, second); });
+            [first, second](PyObject*) { return python::createFunction(first, second); });
         return event_mgr->spin(&request); // sets "Python interpreter is not running" itself
     });
 }

@@ -25,7 +25,7 @@ int callCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
         // change the word's string.
         const std::string path(text, static_cast<std::size_t>(length));
         CallWords words(objc - 2, objv + 2);
-        event::PyEvent request([&path, &words]() -> PyObject* {
+        event::PyEvent request([&path, &words](PyObject*) -> PyObject* {
             SmartPyObj target(lookUpDotted(path.c_str(), static_cast<int>(path.size())));
             return target ? words.callWith(target.get()) : nullptr;
         });
@@ -42,7 +42,7 @@ int createFunctionCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]
         const std::string name = Tcl_GetString(objv[1]);
         const std::string expression = objc == 3 ? Tcl_GetString(objv[2]) : "";
         PythonCommand* command = nullptr;
-        event::PyEvent request([&]() -> PyObject* {
+        event::PyEvent request([&](PyObject*) -> PyObject* {
             command = PythonCommand::forExpression(name.c_str(), expression.c_str());
             if (!command) return nullptr;
             Py_RETURN_NONE;
@@ -50,7 +50,7 @@ int createFunctionCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]
         const int code = event_mgr->spin(&request);
         if (code != TCL_OK || !command) return code;
         if (!command->install(interp, name.c_str())) {
-            event::PyEvent release([command]() -> PyObject* {
+            event::PyEvent release([command](PyObject*) -> PyObject* {
                 command->releasePython();
                 delete command;
                 Py_RETURN_NONE;

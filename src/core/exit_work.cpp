@@ -70,7 +70,7 @@ void flushOpenFiles() {
     }
 }
 
-PyObject* work() {
+PyObject* work(PyObject*) {
     SmartPyObj done(pythonGuard([] {
         runAtexitHandlers();
         flushOpenFiles();

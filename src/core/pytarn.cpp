@@ -65,7 +65,7 @@ void finishOnMainThread() {
 // takes the request; one that has taken it finishes it within exit work's
 // own bounds.
 void finishFromOtherThread() {
-    event::TclEvent request;
+    event::TclEvent request(event::TclEvent::Asks::act);
     request.action = [](Tcl_Interp*, event::TclEvent*) {
         finishOnMainThread();
         for (int which : {TCL_STDOUT, TCL_STDERR})

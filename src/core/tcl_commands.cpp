@@ -33,7 +33,7 @@ std::string joinWords(int argc, const char** argv) {
 }
 
 int runText(PyObject* (*work)(const char*), const char* text) {
-    PyEvent request([work, text] { return work(text); });
+    PyEvent request([work, text](PyObject*) { return work(text); });
     return event_mgr->spin(&request);
 }
 
@@ -81,10 +81,11 @@ int set(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
         SmartTclObj value;
         if (lend || !tcl_convert::toScalar(original, &request.argument_scalar))
             value = lend ? original : tcl_convert::detachedCopy(original);
-        std::string target = Tcl_GetString(objv[1]);
-        request.func = [&target, &request] {
-            return python::set(target.c_str(), request.converted);
-        };
+        // The name's own text, which nothing writes, rather than a copy that
+        // this thread writes at every call: the Python side reads it at the
+        // start, before any Tcl code can run for it.
+        const char* target = Tcl_GetString(objv[1]);
+        request.func = [target](PyObject* converted) { return python::set(target, converted); };
         request.has_argument = true;
         request.lends = lend;
         request.argument = value.get();

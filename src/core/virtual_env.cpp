@@ -20,7 +20,7 @@ extern "C" int Pytarn_UseVirtualEnv(Tcl_Interp* interp) {
         return TCL_ERROR;
     }
     const std::string path(dir);
-    event::PyEvent request([&path] { return environment::useVirtualEnv(path.c_str()); });
+    event::PyEvent request([&path](PyObject*) { return environment::useVirtualEnv(path.c_str()); });
     const int code = event_mgr->spin(&request);
     if (code == TCL_OK) Tcl_ResetResult(interp);
     return code;

@@ -54,6 +54,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -67,39 +68,50 @@ namespace pytarn::event {
 // at every touch from either side, and a crossing is mostly such travel.
 constexpr std::size_t cache_line = 64;
 
-// Records are aligned to a cache line and keep everything a plain request
-// reads and writes in their first line (a PyEvent's short result and
-// argument in its second), so that the record travels between the two cores
-// once each way; the failure details come after. The answering side writes
-// no line that the request does not use: each such line crosses too.
+// A record is two cache lines and the rest: the request, which the
+// answering side reads, and the answer, which the requester watches while it
+// waits and the answering side writes in one go, `done` last. Kept apart,
+// the two sides never look at the same line at once: a line that one core
+// reads again while the other watches it is passed back and forth at every
+// look, and one that is written while watched, at every write. The details
+// of rarer requests and failures come after; the answering side writes no
+// line that the request does not use, since each such line crosses too.
 
 class PythonEventQueue;
 
 // A request carried out on a Python thread with the interpreter lock held.
 struct alignas(cache_line) PyEvent {
-    explicit PyEvent(std::function<PyObject*()> work) : func(std::move(work)) {}
+    // The work gets the request's argument converted (null when it has
+    // none) and returns a new reference, or null with an error set.
+    using Work = std::function<PyObject*(PyObject* argument)>;
+    explicit PyEvent(Work work) : func(std::move(work)) {}
     PyEvent(const PyEvent&) = delete;
     PyEvent& operator=(const PyEvent&) = delete;
 
-    std::function<PyObject*()> func; // new reference, or null with an error set
-    SmartTclObj result;              // destroyed before func
-    int status = TCL_OK;
-    // Set when the request raised SystemExit and the host must exit; the
-    // Tcl thread then exits through Tcl so that exit handlers and channel
-    // flushing run there.
-    int exit_code = 0;
-    bool exit_requested = false;
-    std::atomic<bool> done{false};
-    // The request carries `argument` (below), converted before the work.
+    // The request, which the Python side reads while the Tcl thread waits.
+    Work func;
+    std::uint64_t call = 0; // its number among the Tcl thread's calls (RunningCalls)
+    // A short argument, which travels here instead of in `argument` (see
+    // Scalar); kind none when there is none or it is in `argument`.
+    tcl_convert::Scalar argument_scalar;
+    // The request carries an argument: `argument_scalar`, or `argument`.
     bool has_argument = false;
     // The argument is the Tcl thread's own object, lent (Lending.h): the Tcl
     // thread runs nothing until `taken`.
     bool lends = false;
-    std::uint64_t call = 0; // its number among the Tcl thread's calls (RunningCalls)
-    // A short result travels here instead of in `result` (see Scalar), and
-    // a short argument instead of in `argument`: both in the second line.
-    tcl_convert::Scalar scalar;
-    tcl_convert::Scalar argument_scalar;
+
+    // The answer, which the Tcl thread watches while it waits.
+    alignas(cache_line) std::atomic<bool> done{false};
+    int status = TCL_OK;
+    // Set when the request raised SystemExit and the host must exit; the
+    // Tcl thread then exits through Tcl so that exit handlers and channel
+    // flushing run there.
+    bool exit_requested = false;
+    tcl_convert::Scalar scalar; // a short result (see Scalar), else kind none
+    SmartTclObj result;         // a longer one; destroyed before func
+
+    // The rest, for rarer requests and failures.
+    int exit_code = 0;
     // The failing exception's type name, which becomes the Tcl error code
     // "PYTHON <name>"; empty when the request did not fail in Python.
     std::string error_type;
@@ -109,50 +121,70 @@ struct alignas(cache_line) PyEvent {
     // A value for the work, converted on the Python thread before the work
     // runs; null means nested too deeply (a copy that failed). Not owned.
     Tcl_Obj* argument = nullptr;
-    // Its conversion, which the work reads; not owned, valid during `func`.
-    PyObject* converted = nullptr;
     // Set (release) once a lent argument will not be touched again: after
     // its conversion, or on any path that skips it. Every path sets it.
     std::atomic<bool> taken{false};
 };
 
-// A request carried out on the main Tcl thread. Its shape says what it asks:
-// `script` evaluates, `words` (or `packed`) calls one command with those
-// words, never parsed, `output` writes (only when EventMgr::output is full; other output
-// never waits), `variable` reads (or, with `value`, writes) a global
-// variable, `action` runs a function of the requester's; none of them is a
-// no-op.
+// A request carried out on the main Tcl thread. For the plain requests
+// (eval, call with packed words, get, set of a short value) the Tcl thread
+// reads the request's line and writes the answer's alone.
 struct alignas(cache_line) TclEvent {
-    TclEvent() = default;
+    enum class Asks : unsigned char {
+        eval,  // evaluates the script `text`
+        call,  // calls one command with `packed`, or `words`, never parsed
+        get,   // reads the global variable named `text`
+        set,   // assigns it `short_value`, or `value` when that is set
+        write, // writes `output`: only when EventMgr::output is full, other output never waits
+        act,   // runs `action`
+    };
+    explicit TclEvent(Asks what) : asks(what) {}
     TclEvent(const TclEvent&) = delete;
     TclEvent& operator=(const TclEvent&) = delete;
 
-    const char* script = nullptr;   // not owned
-    const char* variable = nullptr; // not owned
+    // The script or variable name, kept in the record itself when it is
+    // short: the requester's text may share a line it writes at every call
+    // (a Python string's reference count).
+    void setText(const char* given) {
+        const std::size_t length = std::strlen(given);
+        if (length >= sizeof inline_text) {
+            text = given;
+            return;
+        }
+        std::memcpy(inline_text, given, length + 1);
+        text = inline_text;
+    }
+
+    // The request, which the Tcl thread reads while the requester waits.
     // The requester's inbox, where the requests made while this one is
     // carried out go. Set by EventMgr::spin.
     PythonEventQueue* inbox = nullptr;
-    // Unshared objects, one reference each, which pass to the Tcl thread
-    // with the request: it gives them back itself, since Tcl may keep them
-    // (`set x` stores its word). The array is the requester's.
-    Tcl_Obj* const* words = nullptr;
-    SmartTclObj result;             // a detached copy of the Tcl result
-    // A short result travels here instead of in `result`: the requester
-    // then reads one line of the record (see Scalar).
-    tcl_convert::Scalar scalar;
-    int word_count = 0;
-    bool too_deep = false;          // the result was nested too deeply to copy
+    const char* text = nullptr; // not owned, or inline_text
+    // Words that crossed packed (the requester's), for a call.
+    const tcl_convert::PackedWords* packed = nullptr;
+    tcl_convert::Scalar short_value; // set's value when short (see Scalar)
+    char inline_text[16];
+    const Asks asks;
+
+    // The answer, which the requester watches while it waits.
+    alignas(cache_line) std::atomic<bool> done{false};
+    bool too_deep = false; // the result was nested too deeply to copy
     // Failures of the bridge itself, flagged without allocating: Python gets
     // MemoryError, or TclError once the interpreter has been deleted.
     bool no_memory = false;
     bool interp_deleted = false;
-    std::atomic<bool> done{false};
-    // The fields of rarer requests come after the first line.
+    tcl_convert::Scalar scalar; // a short result (see Scalar), else kind none
+    SmartTclObj result;         // a detached copy of a longer one
+
+    // The rest, for rarer requests and failures.
+    // Unshared objects, one reference each, which pass to the Tcl thread
+    // with the request: it gives them back itself, since Tcl may keep them
+    // (`set x` stores its word). The array is the requester's.
+    Tcl_Obj* const* words = nullptr;
+    int word_count = 0;
+    bool to_stderr = false;         // write requests only
     const char* output = nullptr;   // not owned; lives as long as the call
-    bool to_stderr = false;         // output requests only, which are rare
-    SmartTclObj value;              // tcl.set's value to assign, unshared
-    // Words that crossed packed (the requester's), in place of `words`.
-    const tcl_convert::PackedWords* packed = nullptr;
+    SmartTclObj value;              // set's value when not short, unshared
     std::string error;              // non-empty exactly when the request failed
     std::vector<std::string> error_code; // the failure's -errorcode, word by word
     std::string error_info;              // and its -errorinfo
@@ -348,43 +380,46 @@ private:
     std::atomic<int> sleepers_{0};
 };
 
-// A first-in first-out queue of bare pointers. The first few entries sit in
-// the same cache line as the lock, so that handing one request over moves
-// one line between the cores; a longer queue (many Python threads calling at
-// once) goes on in a deque behind them. The odd name is kept as written.
+// A first-in first-out queue of bare pointers. A request pushed onto an
+// empty queue goes into a slot that one compare-and-swap fills and one
+// exchange empties: the thread that watches the queue reads the line while
+// the pusher writes it, and each further write (a lock, a count, an unlock)
+// would pass the line back and forth once more. While the slot is taken, the
+// rest waits in a list under the lock, the first entry in the same cache
+// line, so a longer queue (many Python threads calling at once) costs a line
+// or two more. The odd name is kept as written.
 template <typename T>
 class alignas(cache_line) _LockedQueueT {
 public:
-    // Null when empty; an empty queue is seen without taking the lock, which
-    // would take the line from a thread about to push.
+    // Null when empty; an empty queue is seen without a write.
     T* pop() {
-        if (looksEmpty()) return nullptr;
+        if (slot_.load() != nullptr) {
+            if (T* taken = slot_.exchange(nullptr)) return taken;
+        }
+        if (!listed_.load()) return nullptr;
         std::lock_guard<std::mutex> lock(mutex);
-        if (nearCount() == 0) return nullptr;
-        T* front = near_[0];
-        takeNear(0);
+        if (!listed_.load(std::memory_order_relaxed)) return nullptr;
+        T* front = first_;
+        takeFirst();
         return front;
     }
-    bool empty() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return nearCount() == 0;
-    }
+    bool empty() { return size() == 0; }
     std::size_t size() {
         std::lock_guard<std::mutex> lock(mutex);
-        return static_cast<std::size_t>(nearCount()) + far_.size();
+        return (slot_.load() ? 1u : 0u) + (listed_.load(std::memory_order_relaxed) ? 1u : 0u) +
+               far_.size();
     }
-    // Without the lock, for a waiter's watch; exact only once the lock has
-    // been taken, which pop() does. Sequentially consistent, as the store
-    // of a push, for a parked owner (see Parker::park).
-    bool looksEmpty() const { return near_count_.load() == 0; }
+    // Without the lock, for a waiter's watch. Sequentially consistent, as the
+    // stores of a push, for a parked owner (see Parker::park).
+    bool looksEmpty() const { return slot_.load() == nullptr && !listed_.load(); }
     // Takes `ev` out if it is still queued; true when it was.
     bool remove(T* ev) {
+        T* expected = ev;
+        if (slot_.compare_exchange_strong(expected, nullptr)) return true;
         std::lock_guard<std::mutex> lock(mutex);
-        for (int i = 0; i < nearCount(); ++i) {
-            if (near_[i] == ev) {
-                takeNear(i);
-                return true;
-            }
+        if (listed_.load(std::memory_order_relaxed) && first_ == ev) {
+            takeFirst();
+            return true;
         }
         for (auto it = far_.begin(); it != far_.end(); ++it) {
             if (*it == ev) {
@@ -395,23 +430,33 @@ public:
         return false;
     }
 
-    // No entry is appended from now on; those already in stay.
+    // No entry is queued from now on; those already in stay. The closer
+    // looks at the queue after this, and a push into the slot looks at
+    // `closed_` after it, so one of the two sees the other (see append).
     void close() {
         std::lock_guard<std::mutex> lock(mutex);
-        closed_ = true;
+        closed_.store(true);
     }
 
 protected:
-    // False, and `ev` not queued, once the queue is closed.
+    // False, and `ev` not queued, once the queue is closed. The slot takes
+    // `ev` only when nothing else waits, so the order stays first in, first
+    // out for each pusher; a pusher that raced another past the list may
+    // overtake an entry there, at most once for each pusher.
     bool append(T* ev) {
+        T* empty = nullptr;
+        if (!listed_.load() && slot_.compare_exchange_strong(empty, ev)) {
+            if (!closed_.load()) return true;
+            T* expected = ev; // closed meanwhile: taken back, unless taken already
+            return !slot_.compare_exchange_strong(expected, nullptr);
+        }
         std::lock_guard<std::mutex> lock(mutex);
-        if (closed_) return false;
-        const int count = nearCount();
-        if (count < near_size && far_.empty()) {
-            near_[count] = ev;
-            near_count_.store(count + 1);
-        } else {
+        if (closed_.load(std::memory_order_relaxed)) return false;
+        if (listed_.load(std::memory_order_relaxed)) {
             far_.push_back(ev);
+        } else {
+            first_ = ev;
+            listed_.store(true);
         }
         return true;
     }
@@ -419,27 +464,23 @@ protected:
     std::mutex mutex;
 
 private:
-    // Closes the gap at `i` and moves the oldest of the rest forward: entries
-    // wait in `far_` only while `near_` is full.
-    void takeNear(int i) {
-        const int count = nearCount();
-        for (; i + 1 < count; ++i) near_[i] = near_[i + 1];
+    // The next of the list moves into `first_`, or the list is empty.
+    void takeFirst() {
         if (far_.empty()) {
-            near_count_.store(count - 1, std::memory_order_release);
+            listed_.store(false);
         } else {
-            near_[count - 1] = far_.front();
+            first_ = far_.front();
             far_.pop_front();
         }
     }
-    int nearCount() const { return near_count_.load(std::memory_order_relaxed); }
 
-    static constexpr int near_size = 2;
-    // Written under mutex, as is everything below; read without it only by
-    // looksEmpty. Entries wait in `far_` only while `near_` is full, so no
-    // entry in `near_` means an empty queue.
-    std::atomic<int> near_count_{0};
-    bool closed_ = false;
-    T* near_[near_size] = {};
+    std::atomic<T*> slot_{nullptr};
+    // Written under mutex, as is everything below; read without it by pop,
+    // looksEmpty and append. The list's first entry is in `first_` whenever
+    // it has one, so `listed_` false means an empty list.
+    std::atomic<bool> listed_{false};
+    std::atomic<bool> closed_{false};
+    T* first_ = nullptr;
     std::deque<T*> far_;
 };
 
@@ -510,6 +551,7 @@ struct Carrying {
     bool released = false;   // finished early: `ev` must not be touched
     SmartTclObj lent;        // the result lent to the requester, until given back
     std::atomic<bool> given_back{false};
+    tcl_convert::Scalar scalar; // a short result, until the record is completed
 };
 
 class EventMgr {

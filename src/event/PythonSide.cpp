@@ -41,7 +41,8 @@ struct Lease {
 // Once the interpreter is deleted only output and work on the standard
 // channels (which outlive it) are still carried out; everything else fails.
 bool refused(const TclEvent* ev) {
-    return !ev->output && !ev->outlives_interp && python_thread.interp_deleted.load();
+    return python_thread.interp_deleted.load() && ev->asks != TclEvent::Asks::write &&
+           !ev->outlives_interp;
 }
 
 // A request that the Tcl thread will never carry out is finished here, on

@@ -185,10 +185,9 @@ void PythonEventQueue::serviceEvent(PyEvent* ev) {
     } else if (ev->has_argument && !(argument = convertArgument(ev))) {
         // The conversion's error fails the request.
     } else {
-        if (ev->has_argument) ev->converted = argument.get();
         // An exception in the work becomes a Python MemoryError (or
         // RuntimeError) and is reported like any other failure.
-        returned = pythonGuard([ev] { return ev->func(); });
+        returned = pythonGuard([ev, &argument] { return ev->func(argument.get()); });
         takeLateInterrupt();
     }
     // One that was asked for and never delivered is raised here.
@@ -196,11 +195,11 @@ void PythonEventQueue::serviceEvent(PyEvent* ev) {
     // No Tcl thread lives in a forked child to take the outcome.
     if (python_thread.forked.load() && python_thread.end_forked_child)
         python_thread.end_forked_child();
-    ev->status = TCL_OK;
+    tcl_convert::Scalar short_result; // the answer's line is written in one go, see Event.h
     withoutExceptions(
         [&] {
             if (!PyErr_Occurred() && returned && returned.get() != Py_None &&
-                !tcl_convert::toScalar(returned.get(), &ev->scalar))
+                !tcl_convert::toScalar(returned.get(), &short_result))
                 ev->result = tcl_convert::toTcl(returned);
             // A conversion that failed (too deep, a raising __str__) fails the
             // request rather than leaving its error for the next one.
@@ -214,6 +213,7 @@ void PythonEventQueue::serviceEvent(PyEvent* ev) {
             ev->result = tcl_convert::toTcl(out_of_memory ? "out of memory"
                                                           : "internal error in pytarn");
         });
+    ev->scalar = short_result;
     ev->done.store(true);
     event_mgr->tcl_queue.owner.unpark(); // only the main Tcl thread waits for a PyEvent
     // `returned` and `argument` are released only now: a release may run

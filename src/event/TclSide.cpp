@@ -128,7 +128,7 @@ void complete(TclEvent* ev) {
 // the requester gives it back.
 void storeResult(Carrying& here, Tcl_Obj* value) {
     TclEvent* ev = here.ev;
-    if (tcl_convert::toScalar(value, &ev->scalar)) return;
+    if (tcl_convert::toScalar(value, &here.scalar)) return;
     if (tcl_convert::worthLending(value)) {
         here.lent = value;
         ev->lent = value;
@@ -137,6 +137,14 @@ void storeResult(Carrying& here, Tcl_Obj* value) {
     }
     ev->result = tcl_convert::detachedCopy(value);
     ev->too_deep = !ev->result;
+}
+
+// The outcome of a script or command that returned `code`. A code other
+// than TCL_OK with an empty message (a bare `break`) counts as success, as it
+// always has; the failure fields are read only after a failure.
+void storeOutcome(Tcl_Interp* interp, Carrying& here, int code) {
+    if (code != TCL_OK) TclEventQueue::storeFailure(interp, here.ev, code);
+    if (code == TCL_OK || here.ev->error.empty()) storeResult(here, Tcl_GetObjResult(interp));
 }
 
 // A lent result goes as a copy after all (`copy`), or not at all.
@@ -253,53 +261,68 @@ void TclEventQueue::storeFailure(Tcl_Interp* interp, TclEvent* ev, int code) {
 
 namespace {
 
+// A call whose words come packed: the Tcl thread makes their objects itself.
+bool callPacked(Tcl_Interp* interp, Carrying& here) {
+    TclEvent* ev = here.ev;
+    Tcl_Obj* words[tcl_convert::PackedWords::max_words];
+    const int count = ev->packed->count();
+    ev->packed->unpack(words);
+    int code = Tcl_EvalObjv(interp, count, words, TCL_EVAL_GLOBAL);
+    if (!here.released) storeOutcome(interp, here, code);
+    for (int i = 0; i < count; ++i) Tcl_DecrRefCount(words[i]);
+    return !here.released;
+}
+
+// A call whose words are objects: they go to the command as they are, no
+// substitution, no parsing.
+bool callWords(Tcl_Interp* interp, Carrying& here) {
+    TclEvent* ev = here.ev;
+    int code = Tcl_EvalObjv(interp, ev->word_count, const_cast<Tcl_Obj**>(ev->words),
+                            TCL_EVAL_GLOBAL);
+    if (here.released) return false; // the words are left to the process's end
+    storeOutcome(interp, here, code);
+    releaseWords(ev);
+    return true;
+}
+
 // Carries out a request that needs the interpreter, which the caller keeps
 // preserved. False when the record was released meanwhile (an exit from
 // inside it): it is no longer ours to touch.
 bool carryOut(Tcl_Interp* interp, Carrying& here) {
     TclEvent* ev = here.ev;
-    if (ev->script) {
-        int code = Tcl_EvalEx(interp, tcl_convert::TclText(ev->script).get(), -1,
-                              TCL_EVAL_GLOBAL);
+    using Asks = TclEvent::Asks;
+    switch (ev->asks) {
+    case Asks::eval: {
+        int code = Tcl_EvalEx(interp, tcl_convert::TclText(ev->text).get(), -1, TCL_EVAL_GLOBAL);
         if (here.released) return false;
-        Tcl_Obj* result = Tcl_GetObjResult(interp);
-        if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
-        if (ev->error.empty()) storeResult(here, result);
-    } else if (ev->words) {
-        // Words go to the command as they are: no substitution, no parsing.
-        int code = Tcl_EvalObjv(interp, ev->word_count, const_cast<Tcl_Obj**>(ev->words),
-                                TCL_EVAL_GLOBAL);
-        if (here.released) return false; // the words are left to the process's end
-        if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
-        if (ev->error.empty()) storeResult(here, Tcl_GetObjResult(interp));
-        releaseWords(ev);
-    } else if (ev->packed) {
-        // The same with words made here, from the requester's packed buffer.
-        Tcl_Obj* words[tcl_convert::PackedWords::max_words];
-        const int count = ev->packed->count();
-        ev->packed->unpack(words);
-        int code = Tcl_EvalObjv(interp, count, words, TCL_EVAL_GLOBAL);
-        if (!here.released) {
-            if (code != TCL_OK) TclEventQueue::storeFailure(interp, ev, code);
-            if (ev->error.empty()) storeResult(here, Tcl_GetObjResult(interp));
-        }
-        for (int i = 0; i < count; ++i) Tcl_DecrRefCount(words[i]);
-        if (here.released) return false;
-    } else if (ev->action) {
-        ev->action(interp, ev);
-        if (here.released) return false;
-    } else if (ev->variable && ev->value) {
-        Tcl_SetVar2Ex(interp, tcl_convert::TclText(ev->variable).get(), nullptr,
-                      ev->value.get(), TCL_GLOBAL_ONLY);
-        ev->value = nullptr; // the variable's reference is Tcl's alone
-    } else if (ev->variable) {
-        Tcl_Obj* value = Tcl_GetVar2Ex(interp, tcl_convert::TclText(ev->variable).get(),
-                                       nullptr, TCL_GLOBAL_ONLY | TCL_LEAVE_ERR_MSG);
+        storeOutcome(interp, here, code);
+        return true;
+    }
+    case Asks::call:
+        return ev->packed ? callPacked(interp, here) : callWords(interp, here);
+    case Asks::get: {
+        Tcl_Obj* value = Tcl_GetVar2Ex(interp, tcl_convert::TclText(ev->text).get(), nullptr,
+                                       TCL_GLOBAL_ONLY | TCL_LEAVE_ERR_MSG);
         if (value) {
             storeResult(here, value);
         } else {
             TclEventQueue::storeFailure(interp, ev, TCL_ERROR);
         }
+        return true;
+    }
+    case Asks::set: {
+        const bool short_value = ev->short_value.kind != tcl_convert::Scalar::Kind::none;
+        SmartTclObj value(short_value ? tcl_convert::toTcl(ev->short_value) : ev->value.get());
+        if (!short_value) ev->value = nullptr; // the variable's reference is Tcl's alone
+        Tcl_SetVar2Ex(interp, tcl_convert::TclText(ev->text).get(), nullptr, value.get(),
+                      TCL_GLOBAL_ONLY);
+        return true;
+    }
+    case Asks::act:
+        ev->action(interp, ev);
+        return !here.released;
+    case Asks::write:
+        break; // carried out without the interpreter
     }
     return true;
 }
@@ -314,7 +337,7 @@ bool failedInternally(Carrying& here) {
     ev->error_code.clear();
     ev->error_info.clear();
     ev->result = nullptr;
-    ev->scalar.kind = tcl_convert::Scalar::Kind::none;
+    here.scalar.kind = tcl_convert::Scalar::Kind::none;
     ev->no_memory = true;
     return true;
 }
@@ -325,7 +348,7 @@ void carry(Carrying& here) {
     // Only an exit from inside it (the output's puts may exit) releases it.
     TclEventQueue::drainOutput();
     if (here.released) return;
-    if (ev->output) {
+    if (ev->asks == TclEvent::Asks::write) {
         if (setting_buff) { // after the write in progress, as the queue's
             event_mgr->output.append(ev->to_stderr, ev->output, std::strlen(ev->output), false);
             held_back = true;
@@ -338,7 +361,7 @@ void carry(Carrying& here) {
     }
     Tcl_Interp* interp = tcl_interp;
     if (interp && Tcl_InterpDeleted(interp)) interp = nullptr; // deleted within this call
-    if (!interp && ev->action && ev->outlives_interp) {
+    if (!interp && ev->asks == TclEvent::Asks::act && ev->outlives_interp) {
         ev->action(nullptr, ev);
         if (!here.released) complete(ev);
         return;
@@ -346,7 +369,7 @@ void carry(Carrying& here) {
     if (!interp || !python_alive->load()) {
         // Deleted, or shutting down: refused, as the requester itself does
         // with a request it takes back.
-        if (ev->words) releaseWords(ev);
+        if (ev->asks == TclEvent::Asks::call && !ev->packed) releaseWords(ev);
         ev->interp_deleted = !interp;
         complete(ev);
         return;
@@ -360,6 +383,7 @@ void carry(Carrying& here) {
     if (here.lent && Tcl_InterpDeleted(interp)) unlend(here, true);
     Tcl_Release(interp);
     if (!carried || here.released) return;
+    ev->scalar = here.scalar; // the answer's line written in one go, see Event.h
     complete(ev);
     if (here.lent) waitGivenBack(here);
 }
@@ -369,7 +393,7 @@ void carry(Carrying& here) {
 // Whatever it does, including a request for Python that goes to `ev`'s
 // requester, happens with `ev` innermost in EventMgr::carrying.
 void TclEventQueue::serviceEvent(TclEvent* ev) {
-    Carrying here{ev, ev->inbox, event_mgr->carrying, false, {}, {false}};
+    Carrying here{ev, ev->inbox, event_mgr->carrying, false, {}, {false}, {}};
     event_mgr->carrying = &here;
     carry(here);
     event_mgr->carrying = here.outer;

@@ -40,7 +40,7 @@ PyObject* createcommand(PyObject*, PyObject* args) {
     if (!text) return nullptr;
     Creation creation{text, PythonCommand::forCallable(callable)};
     if (!creation.command) return nullptr;
-    event::TclEvent request;
+    event::TclEvent request(event::TclEvent::Asks::act);
     request.action = install;
     request.context = &creation;
     const bool forked = python_thread.forked.load();

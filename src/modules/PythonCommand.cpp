@@ -208,7 +208,7 @@ int PythonCommand::invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* con
     ++command->running_;
     const int code = tclGuard(interp, [&] {
         CallWords words(objc - 1, objv + 1);
-        event::PyEvent request([command, &words]() -> PyObject* {
+        event::PyEvent request([command, &words](PyObject*) -> PyObject* {
             SmartPyObj target;
             if (command->callable_) {
                 target = command->callable_;
@@ -242,7 +242,7 @@ void PythonCommand::unhold() {
     Tcl_Interp* interp = tcl_interp;
     if (pythonRunning() && interp) {
         Tcl_InterpState saved = Tcl_SaveInterpState(interp, TCL_OK);
-        event::PyEvent request([this]() -> PyObject* {
+        event::PyEvent request([this](PyObject*) -> PyObject* {
             releasePython();
             Py_RETURN_NONE;
         });
@@ -311,11 +311,15 @@ CallWords::CallWords(int count, Tcl_Obj* const words[]) : words_(count) {
         Tcl_Obj* word = words[i];
         Word& out = words_[i];
         if (word->typePtr == tcl_convert::listType() || word->typePtr == tcl_convert::dictType()) {
-            out.copy = tcl_convert::detachedCopy(word);
-            if (out.copy) Tcl_IncrRefCount(out.copy);
-            else out.too_deep = true;
-        } else if (tcl_convert::pureInteger(word, &out.integer)) {
-            out.is_integer = true;
+            Tcl_Obj* copy = tcl_convert::detachedCopy(word);
+            out.kind = copy ? Word::Kind::copy : Word::Kind::too_deep;
+            if (copy) {
+                out.copy = copy;
+                Tcl_IncrRefCount(copy);
+            }
+        } else if (Tcl_WideInt integer = 0; tcl_convert::pureInteger(word, &integer)) {
+            out.integer = integer;
+            out.kind = Word::Kind::integer;
         } else {
             int length = 0;
             const char* text = Tcl_GetStringFromObj(word, &length);
@@ -329,7 +333,7 @@ CallWords::CallWords(int count, Tcl_Obj* const words[]) : words_(count) {
 
 CallWords::~CallWords() {
     for (int i = 0; i < words_.size(); ++i)
-        if (words_[i].copy) Tcl_DecrRefCount(words_[i].copy);
+        if (words_[i].kind == Word::Kind::copy) Tcl_DecrRefCount(words_[i].copy);
 }
 
 PyObject* CallWords::callWith(PyObject* callable) const {
@@ -339,15 +343,15 @@ PyObject* CallWords::callWith(PyObject* callable) const {
     int converted = 0;
     for (; converted < count; ++converted) {
         const Word& word = words_[converted];
-        if (word.too_deep) {
+        if (word.kind == Word::Kind::too_deep) {
             PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
             break;
         }
         SmartPyObj value =
-            word.copy         ? tcl_convert::fromTcl(word.copy)
-            : word.is_integer ? SmartPyObj(PyLong_FromLongLong(word.integer))
-                              : tcl_convert::fromTclPlainText(text_.data() + word.offset,
-                                                              word.length);
+            word.kind == Word::Kind::copy ? tcl_convert::fromTcl(word.copy)
+            : word.kind == Word::Kind::integer
+                ? SmartPyObj(PyLong_FromLongLong(word.integer))
+                : tcl_convert::fromTclPlainText(text_.data() + word.offset, word.length);
         if (!value) {
             if (!PyErr_Occurred())
                 PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);

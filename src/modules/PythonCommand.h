@@ -41,7 +41,9 @@ private:
     SmartPyObj callable_;                 // the fixed callable, or empty
     SmartPyObj code_;                     // an expression evaluated at each call, or empty
     SmartPyObj path_;                     // a tuple of names looked up at each call, or empty
-    int running_ = 0;                     // calls in progress; Tcl thread only
+    // On a line of their own: the Tcl thread writes them at every call, and
+    // the Python thread reads the references above.
+    alignas(event::cache_line) int running_ = 0; // calls in progress; Tcl thread only
     bool deleted_ = false;                // Tcl thread only
 };
 
@@ -53,7 +55,7 @@ PyObject* lookUpDotted(const char* path, int length);
 
 // Tcl thread: the words of a call, each a detached copy that the Python side
 // may read while Tcl runs on; a word too deeply nested to copy is marked so.
-class CallWords {
+class alignas(event::cache_line) CallWords {
 public:
     CallWords(int count, Tcl_Obj* const words[]);
     CallWords(const CallWords&) = delete;
@@ -67,14 +69,18 @@ private:
     // A word as the Python side reads it. Plain words travel as text packed
     // into one buffer and integers without text as numbers, so that the
     // Python thread reads a few cache lines in all rather than a fresh Tcl
-    // object per word; lists and dicts travel as detached copies.
+    // object per word; lists and dicts travel as detached copies. Sixteen
+    // bytes, so that a short call's words share the line of the array's
+    // count with it.
     struct Word {
-        Tcl_Obj* copy = nullptr; // a list or dict, one reference held
-        std::size_t offset = 0;  // into text_, NUL-terminated
-        int length = -1;         // -1: not text
-        Tcl_WideInt integer = 0;
-        bool is_integer = false;
-        bool too_deep = false;
+        enum class Kind : unsigned char { text, integer, copy, too_deep };
+        union {
+            std::size_t offset = 0; // text: into text_, NUL-terminated
+            Tcl_WideInt integer;
+            Tcl_Obj* copy;          // a list or dict, one reference held
+        };
+        int length = 0; // of the text
+        Kind kind = Kind::text;
     };
     SmallArray<Word, 6> words_;
     std::string text_;

@@ -161,7 +161,7 @@ int runChannelWork(ChannelWork* work) {
         python_api::forked::flush();
         return to_stderr ? 2 : 1;
     }
-    event::TclEvent request;
+    event::TclEvent request(event::TclEvent::Asks::act);
     request.action = channelWork;
     request.context = work;
     request.outlives_interp = true;

@@ -38,7 +38,7 @@ PyObject* callWordsOf(PyObject* const* args, int count) {
     // Plain words cross packed: the Tcl thread makes their objects itself.
     tcl_convert::PackedWords packed;
     if (packed.pack(args, count)) {
-        event::TclEvent request;
+        event::TclEvent request(event::TclEvent::Asks::call);
         request.packed = &packed;
         return send(&request);
     }
@@ -58,7 +58,7 @@ PyObject* callWordsOf(PyObject* const* args, int count) {
 
 PyObject* callWords(Tcl_Obj* const* words, int count) {
     if (python_thread.forked.load()) releaseWords(words, count); // never sent
-    event::TclEvent request;
+    event::TclEvent request(event::TclEvent::Asks::call);
     request.words = words;
     request.word_count = count;
     return send(&request);

@@ -53,7 +53,7 @@ bool output(bool to_stderr, const char* text, std::size_t length, bool report) {
     }
     // Tcl is not keeping up: this writer waits, and its text still comes
     // after everything queued before it.
-    TclEvent request;
+    TclEvent request(TclEvent::Asks::write);
     request.output = text;
     request.to_stderr = to_stderr;
     SmartPyObj result(cross(&request));
@@ -95,16 +95,16 @@ PyObject* _stderr(PyObject*, PyObject* args) { return write(args, true); }
 PyObject* eval(PyObject*, PyObject* args) {
     const char* script = nullptr;
     if (!PyArg_ParseTuple(args, "s", &script)) return nullptr;
-    TclEvent request;
-    request.script = script;
+    TclEvent request(TclEvent::Asks::eval);
+    request.setText(script);
     return cross(&request);
 }
 
 PyObject* get(PyObject*, PyObject* args) {
     const char* name = nullptr;
     if (!PyArg_ParseTuple(args, "s", &name)) return nullptr;
-    TclEvent request;
-    request.variable = name;
+    TclEvent request(TclEvent::Asks::get);
+    request.setText(name);
     return cross(&request);
 }
 
@@ -112,10 +112,12 @@ PyObject* set(PyObject*, PyObject* args) {
     const char* name = nullptr;
     PyObject* value = nullptr;
     if (!PyArg_ParseTuple(args, "sO", &name, &value)) return nullptr;
-    TclEvent request;
-    request.variable = name;
-    request.value = tcl_convert::toTcl(SmartPyObj::borrow(value));
-    if (PyErr_Occurred()) return nullptr; // not convertible: nothing is assigned
+    TclEvent request(TclEvent::Asks::set);
+    request.setText(name);
+    if (!tcl_convert::toScalar(value, &request.short_value)) {
+        request.value = tcl_convert::toTcl(SmartPyObj::borrow(value));
+        if (PyErr_Occurred()) return nullptr; // not convertible: nothing is assigned
+    }
     SmartPyObj result(cross(&request));
     if (!result) return nullptr;
     Py_RETURN_NONE;

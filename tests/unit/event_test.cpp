@@ -131,7 +131,7 @@ TEST(Parker, HandOffsLoseNoWakeUp) {
 // An interrupt landing between a request's end and the Tcl thread's return reaches nothing.
 TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
     RunningCalls& calls = pytarn::event_mgr->calls;
-    PyEvent ev([] { return py("None").release(); });
+    PyEvent ev([](PyObject*) { return py("None").release(); });
     ev.call = calls.enter();
     PythonEventQueue::serviceEvent(&ev);
     const bool marked = calls.markInnermost();
@@ -146,7 +146,7 @@ TEST(PyEventService, AnEndedRequestIsNoLongerInterrupted) {
 TEST(PyEventService, ALentArgumentIsTakenWhenInterruptedBeforeItStarts) {
     RunningCalls& calls = pytarn::event_mgr->calls;
     pytarn::SmartTclObj value(Tcl_NewStringObj("42", -1));
-    PyEvent ev([] { return py("None").release(); });
+    PyEvent ev([](PyObject*) { return py("None").release(); });
     ev.has_argument = true;
     ev.lends = true;
     ev.argument = value.get();
@@ -225,7 +225,7 @@ TEST(EventMgrSpin, EndsAtOnceOnceShutdownHasBegun) {
     pytarn::python_thread.ready.store(true);
     pytarn::python_thread.alive.store(false);
     bool ran = false;
-    PyEvent request([&ran]() -> PyObject* {
+    PyEvent request([&ran](PyObject*) -> PyObject* {
         ran = true;
         return nullptr;
     });
@@ -235,8 +235,8 @@ TEST(EventMgrSpin, EndsAtOnceOnceShutdownHasBegun) {
     EXPECT_TRUE(pytarn::event_mgr->python_queue.empty());
     EXPECT_FALSE(ran);
     // Python's calls into Tcl return None at once, so that its code can end.
-    TclEvent script;
-    script.script = "set x 1";
+    TclEvent script(TclEvent::Asks::eval);
+    script.setText("set x 1");
     const pytarn::SmartPyObj result(pytarn::event_mgr->spin(&script));
     EXPECT_EQ(result.get(), Py_None);
     EXPECT_TRUE(pytarn::event_mgr->tcl_queue.empty());
