@@ -157,14 +157,12 @@ void runPythonThread() {
         PyGILState_STATE gil = PyGILState_Ensure();
         event::PythonEventQueue& inbox = self.event_mgr.python_queue;
         auto ready = [&inbox] { return !inbox.looksEmpty(); };
-        // As a Python thread waiting for Tcl (PythonEventQueue::waitFor), it
-        // watches for the next request holding the interpreter lock and
-        // gives the lock away only before it sleeps.
-        PyThreadState* state = nullptr; // set while the lock is given away
+        // As a Python thread waiting for Tcl (PythonEventQueue::waitFor).
+        event::LockedWatch watch;
         for (;;) {
             std::uint64_t seen = self.notifier.generation();
             if (!inbox.looksEmpty()) {
-                if (state) PyEval_RestoreThread(std::exchange(state, nullptr));
+                watch.hold();
                 inbox.serviceAllEvents();
                 continue;
             }
@@ -174,15 +172,11 @@ void runPythonThread() {
                 if (!inbox.empty()) continue;
                 break;
             }
-            if (state) {
-                self.notifier.park(inbox.owner, seen, idle_wait_bound, ready);
-            } else if (!self.notifier.watchFor(inbox.owner, &self.event_mgr.tcl_queue.owner, seen,
-                                               idle_wait_bound, ready)) {
-                state = PyEval_SaveThread(); // then a last look before sleeping
-            }
+            watch.wait(self.notifier, inbox.owner, &self.event_mgr.tcl_queue.owner, seen,
+                       idle_wait_bound, ready);
         }
         // Ends holding the lock: nothing may run Python after the bridge stops.
-        if (state) PyEval_RestoreThread(state);
+        watch.hold();
         PyGILState_Release(gil);
     }
     signals::release();

@@ -59,6 +59,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace pytarn::event {
@@ -378,6 +379,38 @@ private:
     // rare changes, so watching it costs a waiter no traffic between cores.
     alignas(cache_line) std::atomic<std::uint64_t> generation_{0};
     std::atomic<int> sleepers_{0};
+};
+
+// A Python thread's wait: it watches holding the interpreter lock and gives
+// the lock away only just before it sleeps. Given away at once, the lock
+// would go to another Python thread, and taking it back would cost this one
+// a wake-up of its own; so a thread that calls Tcl in a loop keeps running
+// among many that do the same. The lock is held again when a request must be
+// carried out (hold) and when the wait ends.
+class LockedWatch {
+public:
+    LockedWatch() = default;
+    LockedWatch(const LockedWatch&) = delete;
+    LockedWatch& operator=(const LockedWatch&) = delete;
+    ~LockedWatch() { hold(); }
+
+    void hold() {
+        if (state_) PyEval_RestoreThread(std::exchange(state_, nullptr));
+    }
+    // One round of the wait: a watch with the lock held, or, once one has run
+    // out, a sleep without it (after a last look at ready()).
+    template <typename Ready>
+    void wait(Notifier& notifier, Parker& parker, const Parker* partner, std::uint64_t seen,
+              std::chrono::microseconds bound, Ready ready) {
+        if (state_) {
+            notifier.park(parker, seen, bound, ready);
+        } else if (!notifier.watchFor(parker, partner, seen, bound, ready)) {
+            state_ = PyEval_SaveThread();
+        }
+    }
+
+private:
+    PyThreadState* state_ = nullptr; // set while the lock is given away
 };
 
 // A first-in first-out queue of bare pointers. A request pushed onto an

@@ -117,14 +117,11 @@ void PythonEventQueue::serviceAllEvents() {
     while (PyEvent* ev = pop()) serviceEvent(ev);
 }
 
-// The interpreter lock is kept while the answer may still come within a
-// watch: given away, it would go to another Python thread, and taking it
-// back would cost this one a wake-up of its own. A thread that calls Tcl in a
-// loop thus keeps running among many that do the same. The lock is given
-// away before the thread sleeps; the Tcl thread never waits for it.
+// The Tcl thread never waits for the interpreter lock: the watch keeps it
+// only while the answer may still come within the watch (see LockedWatch).
 void PythonEventQueue::waitFor(TclEvent* ev) {
     auto ready = [&] { return ev->done.load() || !looksEmpty(); };
-    PyThreadState* state = nullptr; // set while the lock is given away
+    LockedWatch watch;
     for (;;) {
         std::uint64_t seen = notifier->generation();
         if (ev->done.load()) break;
@@ -138,18 +135,12 @@ void PythonEventQueue::waitFor(TclEvent* ev) {
             break;
         }
         if (PyEvent* request = pop()) {
-            if (state) PyEval_RestoreThread(std::exchange(state, nullptr));
+            watch.hold();
             serviceEvent(request);
             continue;
         }
-        if (state) {
-            notifier->park(owner, seen, wait_bound, ready);
-        } else if (!notifier->watchFor(owner, &event_mgr->tcl_queue.owner, seen, wait_bound,
-                                       ready)) {
-            state = PyEval_SaveThread(); // then a last look before sleeping
-        }
+        watch.wait(*notifier, owner, &event_mgr->tcl_queue.owner, seen, wait_bound, ready);
     }
-    if (state) PyEval_RestoreThread(state);
 }
 
 PyObject* EventMgr::spin(TclEvent* ev) {

@@ -159,15 +159,21 @@ void unlend(Carrying& here, bool copy) {
     here.lent = nullptr;
 }
 
-// Once the requester has the lent result's conversion, the reference goes.
-void waitGivenBack(Carrying& here) {
-    auto back = [&here] { return here.given_back.load(); };
-    const Parker* requester = here.inbox ? &here.inbox->owner : nullptr;
+// The Tcl thread waits, carrying out nothing meanwhile, until ready(): a
+// flag that `partner`'s thread sets.
+template <typename Ready>
+void waitOnly(const Parker* partner, Ready ready) {
     for (;;) {
         std::uint64_t seen = notifier->generation();
-        if (back()) break;
-        notifier->waitChange(event_mgr->tcl_queue.owner, requester, seen, wait_bound, back);
+        if (ready()) return;
+        notifier->waitChange(event_mgr->tcl_queue.owner, partner, seen, wait_bound, ready);
     }
+}
+
+// Once the requester has the lent result's conversion, the reference goes.
+void waitGivenBack(Carrying& here) {
+    waitOnly(here.inbox ? &here.inbox->owner : nullptr,
+             [&here] { return here.given_back.load(); });
     here.lent = nullptr;
 }
 
@@ -185,12 +191,7 @@ Tcl_Obj* optionEntry(Tcl_Obj* options, const char* name) {
 // taken, this thread touches no Tcl object, so it carries out no request and
 // writes no output; it only waits. Every path on the Python side sets it.
 void waitTaken(PyEvent* ev, const Parker* partner) {
-    auto taken = [ev] { return ev->taken.load(); };
-    for (;;) {
-        std::uint64_t seen = notifier->generation();
-        if (taken()) return;
-        notifier->waitChange(event_mgr->tcl_queue.owner, partner, seen, wait_bound, taken);
-    }
+    waitOnly(partner, [ev] { return ev->taken.load(); });
 }
 
 // Gives every word back: the requester handed its references over.

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <unordered_map>
 #include <vector>
 
 using namespace pytarn::event;
@@ -67,6 +68,52 @@ TEST(LockedQueue, KeepsOrderWhateverItsLengthAndWhicheverEntryIsRemoved) {
     const std::vector<PyEvent*> rest = drain(queue);
     EXPECT_EQ(rest, (std::vector<PyEvent*>{&items[1], &items[2], &items[3], &items[4], &items[5],
                                            &items[6], &items[7]}));
+    // Closed, it keeps what it had and takes nothing more.
+    queue.push(&items[0]);
+    queue.close();
+    const bool pushedAfterClose = queue.push(&items[1]);
+    EXPECT_FALSE(pushedAfterClose);
+    EXPECT_EQ(drain(queue), std::vector<PyEvent*>{&items[0]});
+}
+
+// Pushers race each other, the taker and their own removals: every entry comes out once,
+// unless its pusher took it back first, and each pusher's entries in the order it pushed.
+TEST(LockedQueue, ManyPushersLoseNothingAndKeepEachOnesOrder) {
+    constexpr int pushers = 4;
+    constexpr int each = 3000;
+    PythonEventQueue queue;
+    std::deque<PyEvent> items;
+    std::unordered_map<PyEvent*, int> index;
+    for (int i = 0; i < pushers * each; ++i)
+        index[&items.emplace_back(nullptr)] = i;
+    std::atomic<int> taken_back{0};
+    std::vector<std::thread> threads;
+    for (int p = 0; p < pushers; ++p) {
+        threads.emplace_back([&, p] {
+            for (int i = 0; i < each; ++i) {
+                PyEvent* ev = &items[static_cast<std::size_t>(p * each + i)];
+                queue.push(ev);
+                if (i % 7 == 0 && queue.remove(ev)) ++taken_back;
+            }
+        });
+    }
+    std::vector<int> last(pushers, -1);
+    int popped = 0;
+    bool inOrder = true;
+    const auto until = Clock::now() + long_bound;
+    while (popped + taken_back.load() < pushers * each && Clock::now() < until) {
+        PyEvent* ev = queue.pop();
+        if (!ev) continue;
+        const int at = index.at(ev);
+        inOrder = inOrder && at % each > last[at / each];
+        last[at / each] = at % each;
+        ++popped;
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_TRUE(inOrder);
+    EXPECT_EQ(popped + taken_back.load(), pushers * each);
+    EXPECT_TRUE(queue.empty());
 }
 
 TEST(Notifier, WakesEveryWaiterNotifiedBeforeOrDuringItsWait) {
