@@ -78,6 +78,44 @@ PyObject* callShell(const SmartPyObj& function, const char* text) {
     return PyObject_CallOneArg(function.get(), argument.get());
 }
 
+// Whether `target` is a name that the statement `target = value` would bind
+// in __main__ as it stands: ASCII (Python folds other identifiers to their
+// NFKC form), not a keyword, not __debug__.
+bool plainName(const char* target) {
+    const auto letter = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+    };
+    if (!letter(*target)) return false;
+    for (const char* c = target + 1; *c; ++c)
+        if (!letter(*c) && !(*c >= '0' && *c <= '9')) return false;
+    if (std::strcmp(target, "__debug__") == 0) return false;
+    // Kept for the life of the process; read with the lock held.
+    static PyObject* const keywords = [] {
+        SmartPyObj module(PyImport_ImportModule("keyword"));
+        SmartPyObj list(module ? PyObject_GetAttrString(module.get(), "kwlist") : nullptr);
+        PyObject* set = list ? PyFrozenSet_New(list.get()) : nullptr;
+        PyErr_Clear();
+        return set;
+    }();
+    if (!keywords) return false;
+    SmartPyObj name(PyUnicode_FromString(target));
+    const int keyword = name ? PySet_Contains(keywords, name.get()) : -1;
+    PyErr_Clear();
+    return keyword == 0;
+}
+
+// A plain name is bound in __main__ directly, as the statement would bind
+// it, without running one: true when it was. False with an error set when
+// the store failed, false with none when `target` is not a plain name.
+bool storedByName(const char* target, PyObject* value) {
+    PyObject* globals = python_state.main_dict.get();
+    if (!globals || !value || !plainName(target)) return false;
+    if (PyDict_SetItemString(globals, target, value) != 0) return false;
+    // As the statement leaves it, whatever an earlier failed one left there.
+    PyObject* tcl = python_state.tcl.get();
+    return !tcl || PyObject_SetAttrString(tcl, "__swap", Py_None) == 0;
+}
+
 } // namespace
 
 PyObject* eval(const char* code) { return run(code, Py_eval_input); }
@@ -102,6 +140,8 @@ PyObject* get(const char* expression) {
 }
 
 PyObject* set(const char* target, PyObject* converted) {
+    if (storedByName(target, converted)) Py_RETURN_NONE;
+    if (PyErr_Occurred()) return nullptr;
     if (python_state.tcl &&
         PyObject_SetAttrString(python_state.tcl.get(), "__swap", converted) != 0)
         return nullptr;
