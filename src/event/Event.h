@@ -47,6 +47,7 @@
 
 #include "convert/SmartObj.h"
 #include "convert/Scalar.h"
+#include "Lines.h"
 #include "OutputQueue.h"
 #include "RunningCalls.h"
 
@@ -64,24 +65,20 @@
 
 namespace pytarn::event {
 
-// The size of a cache line. Data that two threads write in turn sits on
-// lines of its own: a line shared by unrelated data travels between the cores
-// at every touch from either side, and a crossing is mostly such travel.
-constexpr std::size_t cache_line = 64;
-
 // A record is two cache lines and the rest: the request, which the
 // answering side reads, and the answer, which the requester watches while it
-// waits and the answering side writes in one go, `done` last. Kept apart,
-// the two sides never look at the same line at once: a line that one core
-// reads again while the other watches it is passed back and forth at every
-// look, and one that is written while watched, at every write. The details
-// of rarer requests and failures come after; the answering side writes no
-// line that the request does not use, since each such line crosses too.
+// waits and the answering side writes in one go, `done` last. Kept apart, in
+// different line pairs, the two sides never look at the same line at once: a
+// line that one core reads again while the other watches it is passed back
+// and forth at every look, and one that is written while watched, at every
+// write. The details of rarer requests and failures fill the rest of each
+// pair; the answering side writes no line that the request does not use,
+// since each such line crosses too.
 
 class PythonEventQueue;
 
 // A request carried out on a Python thread with the interpreter lock held.
-struct alignas(cache_line) PyEvent {
+struct alignas(line_pair) PyEvent {
     // The work gets the request's argument converted (null when it has
     // none) and returns a new reference, or null with an error set.
     using Work = std::function<PyObject*(PyObject* argument)>;
@@ -102,7 +99,7 @@ struct alignas(cache_line) PyEvent {
     bool lends = false;
 
     // The answer, which the Tcl thread watches while it waits.
-    alignas(cache_line) std::atomic<bool> done{false};
+    alignas(line_pair) std::atomic<bool> done{false};
     int status = TCL_OK;
     // Set when the request raised SystemExit and the host must exit; the
     // Tcl thread then exits through Tcl so that exit handlers and channel
@@ -130,7 +127,7 @@ struct alignas(cache_line) PyEvent {
 // A request carried out on the main Tcl thread. For the plain requests
 // (eval, call with packed words, get, set of a short value) the Tcl thread
 // reads the request's line and writes the answer's alone.
-struct alignas(cache_line) TclEvent {
+struct alignas(line_pair) TclEvent {
     enum class Asks : unsigned char {
         eval,  // evaluates the script `text`
         call,  // calls one command with `packed`, or `words`, never parsed
@@ -168,7 +165,7 @@ struct alignas(cache_line) TclEvent {
     const Asks asks;
 
     // The answer, which the requester watches while it waits.
-    alignas(cache_line) std::atomic<bool> done{false};
+    alignas(line_pair) std::atomic<bool> done{false};
     bool too_deep = false; // the result was nested too deeply to copy
     // Failures of the bridge itself, flagged without allocating: Python gets
     // MemoryError, or TclError once the interpreter has been deleted.
@@ -206,9 +203,10 @@ struct alignas(cache_line) TclEvent {
 
 // One thread's own wake-up. A thread whose watch has run out parks on its
 // parker; whoever makes the change it waits for unparks that one thread, and
-// when it is not asleep pays one look at a flag that only the sleeper writes. No other waiter is roused: a wake-up that reaches threads
-// with nothing to do costs the machine their switches.
-class alignas(cache_line) Parker {
+// when it is not asleep pays one look at a flag that only the sleeper writes.
+// No other waiter is roused: a wake-up that reaches threads with nothing to
+// do costs the machine their switches.
+class alignas(line_pair) Parker {
 public:
     using Clock = std::chrono::steady_clock;
     using Duration = std::chrono::nanoseconds;
@@ -377,7 +375,7 @@ private:
     // two sees the other's write: either the waiter does not sleep, or the
     // notifier takes the mutex and wakes it. The line is written only on
     // rare changes, so watching it costs a waiter no traffic between cores.
-    alignas(cache_line) std::atomic<std::uint64_t> generation_{0};
+    alignas(line_pair) std::atomic<std::uint64_t> generation_{0};
     std::atomic<int> sleepers_{0};
 };
 
@@ -422,7 +420,7 @@ private:
 // line, so a longer queue (many Python threads calling at once) costs a line
 // or two more. The odd name is kept as written.
 template <typename T>
-class alignas(cache_line) _LockedQueueT {
+class alignas(line_pair) _LockedQueueT {
 public:
     // Null when empty; an empty queue is seen without a write.
     T* pop() {

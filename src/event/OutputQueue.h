@@ -11,6 +11,8 @@
 // line instead of a hand-off between threads per line.
 #pragma once
 
+#include "Lines.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -20,7 +22,7 @@
 
 namespace pytarn::event {
 
-class alignas(64) OutputQueue { // a line of its own, as the queues
+class alignas(line_pair) OutputQueue { // a pair of its own, as the queues
 public:
     // One stretch of writes to the same channel, written to Tcl at once.
     struct Piece {

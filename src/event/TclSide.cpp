@@ -424,14 +424,17 @@ bool TclEventQueue::waitFor(PyEvent* ev, const Parker* partner,
             drainOutput();
             return true;
         }
-        const auto now = std::chrono::steady_clock::now();
-        if (now >= deadline) return false;
+        // Only a bounded wait reads the clock, which costs tens of
+        // nanoseconds at every request carried out meanwhile.
+        const bool bounded = deadline != std::chrono::steady_clock::time_point::max();
+        const auto now = bounded ? std::chrono::steady_clock::now() : deadline;
+        if (bounded && now >= deadline) return false;
         if (TclEvent* request = pop()) {
             serviceEvent(request);
             continue;
         }
         std::chrono::microseconds bound = wait_bound;
-        if (deadline != std::chrono::steady_clock::time_point::max())
+        if (bounded)
             bound = std::min(bound, std::chrono::duration_cast<std::chrono::microseconds>(
                                         deadline - now) + std::chrono::microseconds{1});
         if (!setting_buff && event_mgr->output.pending()) {
@@ -510,13 +513,19 @@ namespace tcl_c_api {
 
 namespace {
 std::mutex event_queue_mutex;
-bool event_exists = false; // guarded by event_queue_mutex
+// Written under event_queue_mutex. Read first without it: while the Tcl
+// thread waits for Python, the event stays pending and every request finds
+// it so. A push looks after queueing (both sequentially consistent), and the
+// event's procedure clears it before it drains, so a request that sees it
+// set is drained by that event.
+std::atomic<bool> event_exists{false};
 } // namespace
 
 void addEvent() {
+    if (event_exists.load()) return;
     std::lock_guard<std::mutex> lock(event_queue_mutex);
-    if (event_exists) return;
-    event_exists = true;
+    if (event_exists.load(std::memory_order_relaxed)) return;
+    event_exists.store(true);
     auto* event = reinterpret_cast<Tcl_Event*>(Tcl_Alloc(sizeof(Tcl_Event)));
     event->proc = tclEventQueueProc;
     event->nextPtr = nullptr;
@@ -530,7 +539,7 @@ int tclEventQueueProc(Tcl_Event*, int) {
     // that the drain would hold while it runs scripts that call Python.
     {
         std::lock_guard<std::mutex> lock(event_queue_mutex);
-        event_exists = false;
+        event_exists.store(false);
     }
     // Every request is carried out under a guard of its own; this one only
     // keeps the event loop's frames clear of what the queue itself may throw.

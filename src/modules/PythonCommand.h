@@ -41,9 +41,9 @@ private:
     SmartPyObj callable_;                 // the fixed callable, or empty
     SmartPyObj code_;                     // an expression evaluated at each call, or empty
     SmartPyObj path_;                     // a tuple of names looked up at each call, or empty
-    // On a line of their own: the Tcl thread writes them at every call, and
-    // the Python thread reads the references above.
-    alignas(event::cache_line) int running_ = 0; // calls in progress; Tcl thread only
+    // On a line pair of their own: the Tcl thread writes them at every call,
+    // and the Python thread reads the references above.
+    alignas(event::line_pair) int running_ = 0; // calls in progress; Tcl thread only
     bool deleted_ = false;                // Tcl thread only
 };
 
@@ -55,7 +55,7 @@ PyObject* lookUpDotted(const char* path, int length);
 
 // Tcl thread: the words of a call, each a detached copy that the Python side
 // may read while Tcl runs on; a word too deeply nested to copy is marked so.
-class alignas(event::cache_line) CallWords {
+class alignas(event::line_pair) CallWords {
 public:
     CallWords(int count, Tcl_Obj* const words[]);
     CallWords(const CallWords&) = delete;
