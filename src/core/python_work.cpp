@@ -78,18 +78,22 @@ PyObject* callShell(const SmartPyObj& function, const char* text) {
     return PyObject_CallOneArg(function.get(), argument.get());
 }
 
-// Whether `target` is a name that the statement `target = value` would bind
-// in __main__ as it stands: ASCII (Python folds other identifiers to their
-// NFKC form), not a keyword, not __debug__.
-bool plainName(const char* target) {
+// Whether `target` has the form of a name that the statement
+// `target = value` binds as it stands: ASCII (Python folds other identifiers
+// to their NFKC form), and not __debug__. Keywords are looked at apart.
+bool asciiName(const char* target) {
     const auto letter = [](char c) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
     };
     if (!letter(*target)) return false;
     for (const char* c = target + 1; *c; ++c)
         if (!letter(*c) && !(*c >= '0' && *c <= '9')) return false;
-    if (std::strcmp(target, "__debug__") == 0) return false;
-    // Kept for the life of the process; read with the lock held.
+    return std::strcmp(target, "__debug__") != 0;
+}
+
+// Whether `name` is one of Python's keywords; true when that is not known.
+bool keyword(PyObject* name) {
+    // Kept for the life of the process; made and read with the lock held.
     static PyObject* const keywords = [] {
         SmartPyObj module(PyImport_ImportModule("keyword"));
         SmartPyObj list(module ? PyObject_GetAttrString(module.get(), "kwlist") : nullptr);
@@ -97,11 +101,9 @@ bool plainName(const char* target) {
         PyErr_Clear();
         return set;
     }();
-    if (!keywords) return false;
-    SmartPyObj name(PyUnicode_FromString(target));
-    const int keyword = name ? PySet_Contains(keywords, name.get()) : -1;
+    const int found = keywords ? PySet_Contains(keywords, name) : -1;
     PyErr_Clear();
-    return keyword == 0;
+    return found != 0;
 }
 
 // A plain name is bound in __main__ directly, as the statement would bind
@@ -109,11 +111,19 @@ bool plainName(const char* target) {
 // the store failed, false with none when `target` is not a plain name.
 bool storedByName(const char* target, PyObject* value) {
     PyObject* globals = python_state.main_dict.get();
-    if (!globals || !value || !plainName(target)) return false;
-    if (PyDict_SetItemString(globals, target, value) != 0) return false;
+    if (!globals || !value || !asciiName(target)) return false;
+    SmartPyObj name(PyUnicode_FromString(target));
+    if (!name) return false;
+    if (keyword(name.get())) return false;
+    if (PyDict_SetItem(globals, name.get(), value) != 0) return false;
     // As the statement leaves it, whatever an earlier failed one left there.
+    static PyObject* const swap = PyUnicode_InternFromString("__swap"); // kept, as above
     PyObject* tcl = python_state.tcl.get();
-    return !tcl || PyObject_SetAttrString(tcl, "__swap", Py_None) == 0;
+    if (!tcl || !swap) {
+        PyErr_Clear(); // the key could not be made: the name is bound all the same
+        return true;
+    }
+    return PyObject_SetAttr(tcl, swap, Py_None) == 0;
 }
 
 } // namespace
