@@ -69,6 +69,14 @@ std::string SmartPyObj::stdstr() const {
     return utf8Text(str.get());
 }
 
+// Whether Python's int() could read `text`: after blanks and a sign, a
+// digit (the start of every literal it takes).
+bool startsAsNumber(const char* text) {
+    while (Py_ISSPACE(*text)) ++text;
+    if (*text == '+' || *text == '-') ++text;
+    return *text >= '0' && *text <= '9';
+}
+
 bool isTclOctal(const char* text) {
     if (!text || text[0] != '0') return false;
     bool nonZero = false;
@@ -129,10 +137,18 @@ TclText::~TclText() {
 
 SmartPyObj fromTclText(const char* text, int length) {
     // A raw NUL byte only comes from a malformed object; Tcl's NUL is 0xC0 0x80.
-    if (std::memchr(text, '\0', static_cast<size_t>(length))) return SmartPyObj();
+    // It is looked for in the decoded copy, which this thread has just
+    // written: a second pass over Tcl's text may fetch it all again from
+    // another core's cache.
     SmartPyObj str(PyUnicode_DecodeUTF8(text, length, nullptr));
-    if (str) return str;
+    if (str) {
+        const Py_ssize_t length_read = PyUnicode_GET_LENGTH(str.get());
+        if (PyUnicode_FindChar(str.get(), 0, 0, length_read, 1) == -1) return str;
+        PyErr_Clear();
+        return SmartPyObj();
+    }
     PyErr_Clear();
+    if (std::memchr(text, '\0', static_cast<size_t>(length))) return SmartPyObj();
     // Surrogates read one by one, then joined through UTF-16, where a pair
     // becomes one character and a lone half fails.
     SmartPyObj halves(PyUnicode_DecodeUTF8(text, length, "surrogatepass"));
@@ -280,18 +296,26 @@ SmartPyObj fromTcl(Tcl_Obj* value) {
 
 SmartPyObj fromTclPlainText(const char* text, int length) {
     // Python reads the text up to a NUL; Tcl keeps NUL as 0xC0 0x80, so a
-    // genuine NUL byte can only come from a malformed object.
-    if (std::memchr(text, '\0', static_cast<size_t>(length))) return SmartPyObj();
-    SmartPyObj number(PyLong_FromString(text, nullptr, 0));
-    if (number) return number;
-    // Not an int, or decimal digits past Python's limit: either way the text
-    // goes on down the list. Only that ValueError is dropped: a pending
-    // KeyboardInterrupt or MemoryError that surfaced meanwhile stays raised.
-    if (!clearValueError()) return SmartPyObj();
-    if (isTclOctal(text)) {
-        number = PyLong_FromString(text, nullptr, 8);
-        if (number) return number;
-        if (!clearValueError()) return SmartPyObj();
+    // genuine NUL byte can only come from a malformed object, which
+    // converts to nothing. Only text that starts as a number is parsed as
+    // one: Python's parser measures the whole text to report a failure, a
+    // pass over what may be megabytes.
+    SmartPyObj number;
+    if (startsAsNumber(text)) {
+        number = PyLong_FromString(text, nullptr, 0);
+        // Not an int, or decimal digits past Python's limit: either way the
+        // text goes on down the list. Only that ValueError is dropped: a
+        // pending KeyboardInterrupt or MemoryError that surfaced meanwhile
+        // stays raised.
+        if (!number && !clearValueError()) return SmartPyObj();
+        if (!number && isTclOctal(text)) {
+            number = PyLong_FromString(text, nullptr, 8);
+            if (!number && !clearValueError()) return SmartPyObj();
+        }
+        if (number) {
+            if (std::memchr(text, '\0', static_cast<size_t>(length))) return SmartPyObj();
+            return number;
+        }
     }
     SmartPyObj str = fromTclText(text, length);
     if (!str) return str;
