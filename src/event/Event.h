@@ -324,10 +324,18 @@ public:
     bool watchFor(Parker& parker, const Parker* partner, std::uint64_t seen,
                   std::chrono::microseconds bound, Ready ready) {
         parker.noteCore();
-        const auto until = Clock::now() + std::min<Parker::Duration>(parker.watchBound(), bound);
+        // Most answers come within the first rounds: the clock is read only
+        // once the watch goes on past them.
+        Clock::time_point until{};
         for (unsigned round = 1; generation_.load() == seen && !ready(); ++round) {
-            if (round % 8 == 0 && (Clock::now() >= until || parker.sharesCoreWith(partner)))
-                return false;
+            if (round % 8 == 0) {
+                const auto now = Clock::now();
+                if (round == 8) {
+                    until = now + std::min<Parker::Duration>(parker.watchBound(), bound);
+                } else if (now >= until || parker.sharesCoreWith(partner)) {
+                    return false;
+                }
+            }
             cpuRelax();
         }
         return true;
@@ -614,6 +622,9 @@ public:
     OutputQueue output; // written by Python threads, drained by the Tcl thread
     RunningCalls calls; // which thread runs each of the Tcl thread's calls
     Carrying* carrying = nullptr; // Tcl thread only; innermost first
+    // The interpreter that the innermost call into Python holds preserved,
+    // so that what it carries out meanwhile need not; Tcl thread only.
+    Tcl_Interp* preserved = nullptr;
 };
 
 namespace tcl_c_api {

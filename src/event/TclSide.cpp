@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace pytarn::event {
 
@@ -376,13 +377,15 @@ void carry(Carrying& here) {
         return;
     }
     // A script may delete the interpreter (through a parent's alias); it is
-    // freed, and interpDeleted runs, only at the release.
-    Tcl_Preserve(interp);
+    // freed, and interpDeleted runs, only at the release. Inside a call into
+    // Python that call holds it already (a preserve takes a global lock).
+    const bool preserve = interp != event_mgr->preserved;
+    if (preserve) Tcl_Preserve(interp);
     const bool carried = withoutExceptions([&] { return carryOut(interp, here); },
                                            [&here](bool) { return failedInternally(here); });
     // The release of a deleted interpreter runs its deletion callbacks.
     if (here.lent && Tcl_InterpDeleted(interp)) unlend(here, true);
-    Tcl_Release(interp);
+    if (preserve) Tcl_Release(interp);
     if (!carried || here.released) return;
     ev->scalar = here.scalar; // the answer's line written in one go, see Event.h
     complete(ev);
@@ -464,8 +467,10 @@ int EventMgr::spin(PyEvent* ev) {
     // Python may have the interpreter deleted meanwhile; it stays usable
     // until the release, where interpDeleted runs.
     Tcl_Preserve(interp);
+    Tcl_Interp* const outer = std::exchange(preserved, interp);
     tcl_queue.waitFor(ev, &target.owner);
     calls.leave();
+    preserved = outer;
     const int code = postProcess(ev);
     Tcl_Release(interp);
     return code;
