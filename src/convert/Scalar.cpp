@@ -131,4 +131,40 @@ void PackedWords::unpack(Tcl_Obj** out) const {
     }
 }
 
+bool ShortWords::pack(Tcl_Obj* const* words, int count) {
+    if (count > 255) return false;
+    std::size_t used = 0;
+    for (int i = 0; i < count; ++i) {
+        Scalar word;
+        if (!toScalar(words[i], &word)) return false;
+        const bool isInteger = word.kind == Scalar::Kind::integer;
+        // A text keeps its NUL: the Python side reads it in place.
+        const std::size_t size = isInteger ? 1 + sizeof(Tcl_WideInt) : 3 + word.length;
+        if (used + size > capacity) return false;
+        bytes_[used] = isInteger ? packed_integer : packed_text;
+        if (isInteger) {
+            std::memcpy(bytes_ + used + 1, word.text, sizeof(Tcl_WideInt));
+        } else {
+            bytes_[used + 1] = word.length;
+            std::memcpy(bytes_ + used + 2, word.text, word.length + 1u);
+        }
+        used += size;
+    }
+    count_ = static_cast<unsigned char>(count);
+    return true;
+}
+
+SmartPyObj ShortWords::value(std::size_t* at) const {
+    const std::size_t here = *at;
+    if (bytes_[here] == packed_integer) {
+        Tcl_WideInt integer = 0;
+        std::memcpy(&integer, bytes_ + here + 1, sizeof integer);
+        *at = here + 1 + sizeof integer;
+        return SmartPyObj(PyLong_FromLongLong(integer));
+    }
+    const int length = bytes_[here + 1];
+    *at = here + 3 + static_cast<std::size_t>(length);
+    return fromTclPlainText(reinterpret_cast<const char*>(bytes_ + here + 2), length);
+}
+
 } // namespace tcl_convert

@@ -19,16 +19,17 @@ int callCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
         return TCL_ERROR;
     }
     return tclGuard(interp, [&] {
+        // The word's own text, not a copy that this thread would write at
+        // every call: no Tcl code can change it while the command runs, as
+        // the word is shared (a literal) or held by this command alone.
         int length = 0;
-        const char* text = Tcl_GetStringFromObj(objv[1], &length);
-        // Copied: Tcl code that runs for other Python threads meanwhile may
-        // change the word's string.
-        const std::string path(text, static_cast<std::size_t>(length));
-        CallWords words(objc - 2, objv + 2);
-        event::PyEvent request([&path, &words](PyObject*) -> PyObject* {
-            SmartPyObj target(lookUpDotted(path.c_str(), static_cast<int>(path.size())));
+        const char* path = Tcl_GetStringFromObj(objv[1], &length);
+        event::PyEvent request(nullptr);
+        CallWords words(objc - 2, objv + 2, &request);
+        request.func = [path, length, &words](PyObject*) -> PyObject* {
+            SmartPyObj target(lookUpDotted(path, length));
             return target ? words.callWith(target.get()) : nullptr;
-        });
+        };
         return event_mgr->spin(&request);
     });
 }

@@ -207,8 +207,9 @@ int PythonCommand::invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* con
     // stays until the last call in progress has returned.
     ++command->running_;
     const int code = tclGuard(interp, [&] {
-        CallWords words(objc - 1, objv + 1);
-        event::PyEvent request([command, &words](PyObject*) -> PyObject* {
+        event::PyEvent request(nullptr);
+        CallWords words(objc - 1, objv + 1, &request);
+        request.func = [command, &words](PyObject*) -> PyObject* {
             SmartPyObj target;
             if (command->callable_) {
                 target = command->callable_;
@@ -219,7 +220,7 @@ int PythonCommand::invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* con
                 target = lookUpPath(command->path_.get());
             }
             return target ? words.callWith(target.get()) : nullptr;
-        });
+        };
         return event_mgr->spin(&request);
     });
     command->unhold();
@@ -305,7 +306,9 @@ PyObject* callAtTopLevel(PyObject* callable, PyObject* const* arguments, int cou
 
 } // namespace
 
-CallWords::CallWords(int count, Tcl_Obj* const words[]) : words_(count) {
+CallWords::CallWords(int count, Tcl_Obj* const words[], event::PyEvent* request)
+    : packed_(request->short_words.pack(words, count) ? &request->short_words : nullptr),
+      words_(packed_ ? 0 : count) {
     if (!words_.data()) throw std::bad_alloc(); // the command's guard reports it
     for (int i = 0; i < words_.size(); ++i) {
         Tcl_Obj* word = words[i];
@@ -336,22 +339,29 @@ CallWords::~CallWords() {
         if (words_[i].kind == Word::Kind::copy) Tcl_DecrRefCount(words_[i].copy);
 }
 
+SmartPyObj CallWords::valueOf(const Word& word) const {
+    switch (word.kind) {
+    case Word::Kind::copy:
+        return tcl_convert::fromTcl(word.copy);
+    case Word::Kind::integer:
+        return SmartPyObj(PyLong_FromLongLong(word.integer));
+    case Word::Kind::text:
+        return tcl_convert::fromTclPlainText(text_.data() + word.offset, word.length);
+    case Word::Kind::too_deep:
+        break;
+    }
+    PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
+    return SmartPyObj();
+}
+
 PyObject* CallWords::callWith(PyObject* callable) const {
-    const int count = words_.size();
+    const int count = packed_ ? packed_->count() : words_.size();
     SmallArray<PyObject*, 8> arguments(count);
     if (!arguments.data()) return PyErr_NoMemory();
     int converted = 0;
+    std::size_t at = 0; // into packed_
     for (; converted < count; ++converted) {
-        const Word& word = words_[converted];
-        if (word.kind == Word::Kind::too_deep) {
-            PyErr_SetString(PyExc_RecursionError, tcl_convert::too_deep_message);
-            break;
-        }
-        SmartPyObj value =
-            word.kind == Word::Kind::copy ? tcl_convert::fromTcl(word.copy)
-            : word.kind == Word::Kind::integer
-                ? SmartPyObj(PyLong_FromLongLong(word.integer))
-                : tcl_convert::fromTclPlainText(text_.data() + word.offset, word.length);
+        SmartPyObj value = packed_ ? packed_->value(&at) : valueOf(words_[converted]);
         if (!value) {
             if (!PyErr_Occurred())
                 PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);

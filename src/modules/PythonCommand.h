@@ -55,9 +55,10 @@ PyObject* lookUpDotted(const char* path, int length);
 
 // Tcl thread: the words of a call, each a detached copy that the Python side
 // may read while Tcl runs on; a word too deeply nested to copy is marked so.
+// Short words go packed into the request's own `short_words` instead.
 class alignas(event::line_pair) CallWords {
 public:
-    CallWords(int count, Tcl_Obj* const words[]);
+    CallWords(int count, Tcl_Obj* const words[], event::PyEvent* request);
     CallWords(const CallWords&) = delete;
     CallWords& operator=(const CallWords&) = delete;
     ~CallWords();
@@ -82,6 +83,11 @@ private:
         int length = 0; // of the text
         Kind kind = Kind::text;
     };
+    // Python side: the word converted, or empty with an error set
+    // (RecursionError for a word too deep to copy).
+    SmartPyObj valueOf(const Word& word) const;
+
+    const tcl_convert::ShortWords* packed_; // the request's, or null
     SmallArray<Word, 6> words_;
     std::string text_;
 };
