@@ -111,11 +111,25 @@ bool keyword(PyObject* name) {
 // the store failed, false with none when `target` is not a plain name.
 bool storedByName(const char* target, PyObject* value) {
     PyObject* globals = python_state.main_dict.get();
-    if (!globals || !value || !asciiName(target)) return false;
-    SmartPyObj name(PyUnicode_FromString(target));
-    if (!name) return false;
-    if (keyword(name.get())) return false;
-    if (PyDict_SetItem(globals, name.get(), value) != 0) return false;
+    if (!globals || !value) return false;
+    // The last name bound is kept, with its text: a loop that sets the same
+    // name makes no string and looks up no keyword. Kept for the life of the
+    // process, as the other cached objects; lock held.
+    static PyObject* last = nullptr;
+    static char last_text[64] = "";
+    if (!last || std::strcmp(target, last_text) != 0) {
+        if (!asciiName(target)) return false;
+        SmartPyObj name(PyUnicode_FromString(target));
+        if (!name) return false;
+        if (keyword(name.get())) return false;
+        if (std::strlen(target) < sizeof last_text) {
+            Py_XSETREF(last, Py_NewRef(name.get()));
+            std::strcpy(last_text, target);
+        }
+        if (PyDict_SetItem(globals, name.get(), value) != 0) return false;
+    } else if (PyDict_SetItem(globals, last, value) != 0) {
+        return false;
+    }
     // As the statement leaves it, whatever an earlier failed one left there.
     static PyObject* const swap = PyUnicode_InternFromString("__swap"); // kept, as above
     PyObject* tcl = python_state.tcl.get();
