@@ -80,7 +80,7 @@ TEST(LockedQueue, KeepsOrderWhateverItsLengthAndWhicheverEntryIsRemoved) {
 // unless its pusher took it back first, and each pusher's entries in the order it pushed.
 TEST(LockedQueue, ManyPushersLoseNothingAndKeepEachOnesOrder) {
     constexpr int pushers = 4;
-    constexpr int each = 3000;
+    constexpr int each = 10000;
     PythonEventQueue queue;
     std::deque<PyEvent> items;
     std::unordered_map<PyEvent*, int> index;
