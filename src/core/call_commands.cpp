@@ -7,6 +7,7 @@
 
 #include "convert/Guard.h"
 
+#include <cstring>
 #include <string>
 
 namespace pytarn {
@@ -21,13 +22,14 @@ int callCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
     return tclGuard(interp, [&] {
         // The word's own text, not a copy that this thread would write at
         // every call: no Tcl code can change it while the command runs, as
-        // the word is shared (a literal) or held by this command alone.
-        int length = 0;
-        const char* path = Tcl_GetStringFromObj(objv[1], &length);
+        // the word is shared (a literal) or held by this command alone. Tcl's
+        // text has no NUL byte, so its length is found again there; the work
+        // keeps to two pointers, which the request holds without allocating.
+        const char* path = Tcl_GetString(objv[1]);
         event::PyEvent request(nullptr);
         CallWords words(objc - 2, objv + 2, &request);
-        request.func = [path, length, &words](PyObject*) -> PyObject* {
-            SmartPyObj target(lookUpDotted(path, length));
+        request.func = [path, &words](PyObject*) -> PyObject* {
+            SmartPyObj target(lookUpDotted(path, static_cast<int>(std::strlen(path))));
             return target ? words.callWith(target.get()) : nullptr;
         };
         return event_mgr->spin(&request);

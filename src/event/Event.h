@@ -229,9 +229,9 @@ public:
         asleep_.store(true);
         if (!ready()) {
             std::unique_lock<std::mutex> lock(mutex_);
-            cond_.wait_for(lock, bound, [&] { return woken_ || ready(); });
-            if (woken_) learnWakeUp(Clock::now() - woken_at_);
-            woken_ = false;
+            cond_.wait_for(lock, bound, [&] { return woken() || ready(); });
+            if (woken()) learnWakeUp(Clock::now() - woken_at_);
+            woken_.store(false, std::memory_order_relaxed);
         }
         asleep_.store(false, std::memory_order_relaxed);
         noteCore(); // the scheduler may have woken it on another core
@@ -259,10 +259,11 @@ public:
     // Owner thread: publishes the core it runs on, for its partners' watches;
     // written only when it changed, so that the line stays shared.
     void noteCore();
-    // Owner thread: whether `partner`'s thread is awake and was last seen on
-    // this core, where it cannot answer for as long as this thread keeps the
-    // core. (A partner asleep is left out: woken, the scheduler moves it to a
-    // core that is idle, and one that this thread keeps busy is not.)
+    // Owner thread: whether `partner`'s thread was last seen on this core and
+    // is awake, or woken and waiting for a core: it runs there, and cannot
+    // answer for as long as this thread keeps the core. (A partner asleep and
+    // not yet woken is left out: woken, the scheduler may put it on a core
+    // that is idle, and one that this thread keeps busy is not.)
     bool sharesCoreWith(const Parker* partner) const;
 
     static constexpr Duration min_watch{2000};
@@ -277,7 +278,10 @@ private:
     std::atomic<int> core_{-1};
     std::mutex mutex_;
     std::condition_variable cond_;
-    bool woken_ = false;            // guarded by mutex_
+    bool woken() const { return woken_.load(std::memory_order_relaxed); }
+
+    // Written under mutex_; read without it by partners (sharesCoreWith).
+    std::atomic<bool> woken_{false};
     Clock::time_point woken_at_{};  // guarded by mutex_; when woken_ was set
     Duration wake_up_cost_ = max_watch; // owner thread only
 };
@@ -333,11 +337,9 @@ public:
         for (unsigned round = 1; generation_.load() == seen && !ready(); ++round) {
             if (round % 8 == 0) {
                 const auto now = Clock::now();
-                if (round == 8) {
+                if (round == 8)
                     until = now + std::min<Parker::Duration>(parker.watchBound(), bound);
-                } else if (now >= until || parker.sharesCoreWith(partner)) {
-                    return false;
-                }
+                if (now >= until || parker.sharesCoreWith(partner)) return false;
             }
             cpuRelax();
         }

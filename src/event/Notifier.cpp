@@ -34,7 +34,7 @@ Parker::~Parker() {
 void Parker::wake() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        woken_ = true;
+        woken_.store(true, std::memory_order_relaxed);
         woken_at_ = Clock::now();
     }
     cond_.notify_one();
@@ -51,7 +51,8 @@ void Parker::noteCore() {
 }
 
 bool Parker::sharesCoreWith(const Parker* partner) const {
-    if (!partner || partner->asleep_.load(std::memory_order_relaxed)) return false;
+    if (!partner) return false;
+    if (partner->asleep_.load(std::memory_order_relaxed) && !partner->woken()) return false;
     const int core = core_.load(std::memory_order_relaxed);
     return core >= 0 && sched_getcpu() == core &&
            partner->core_.load(std::memory_order_relaxed) == core;
