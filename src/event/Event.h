@@ -441,10 +441,11 @@ public:
             if (T* taken = slot_.exchange(nullptr)) return taken;
         }
         if (!listed_.load()) return nullptr;
-        // The slot again: what a pusher put there came before its entries in
-        // the list, and may have come after the first look.
-        if (T* taken = slot_.exchange(nullptr)) return taken;
         std::lock_guard<std::mutex> lock(mutex);
+        // The slot again, now that no push can reach the list: what a pusher
+        // put there came before its entries in the list, and may have come
+        // after the first look (the list emptied and filled again meanwhile).
+        if (T* taken = slot_.exchange(nullptr)) return taken;
         if (!listed_.load(std::memory_order_relaxed)) return nullptr;
         T* front = first_;
         takeFirst();
