@@ -151,6 +151,7 @@ bool ShortWords::pack(Tcl_Obj* const* words, int count) {
         used += size;
     }
     count_ = static_cast<unsigned char>(count);
+    packed_ = true;
     return true;
 }
 

@@ -67,22 +67,25 @@ private:
 };
 
 // The words of a call into Python, packed by the Tcl thread into a buffer
-// that fills one cache line, so that the Python thread reads them with the
-// request that carries them. Only words that are scalars (see toScalar) pack.
+// that shares a cache line with the request that carries them, so that the
+// Python thread reads them with it. Only words that are scalars (see
+// toScalar) pack.
 class ShortWords {
 public:
     // Tcl side: false, and nothing packed, unless every word packs.
     bool pack(Tcl_Obj* const* words, int count);
+    bool packed() const { return packed_; }
     int count() const { return count_; }
     // Python side: fromTcl of word `i`, which the next call to value() must
     // follow (the words are read in order, from `*at`, which starts at 0).
     SmartPyObj value(std::size_t* at) const;
 
 private:
-    static constexpr std::size_t capacity = 63;
+    static constexpr std::size_t capacity = 54;
     unsigned char count_ = 0;
+    bool packed_ = false;
     unsigned char bytes_[capacity];
 };
-static_assert(sizeof(ShortWords) == 64, "short words fill one line");
+static_assert(sizeof(ShortWords) == 56, "short words leave a pointer's room in their line");
 
 } // namespace tcl_convert

@@ -28,9 +28,9 @@ int callCmd(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
         const char* path = Tcl_GetString(objv[1]);
         event::PyEvent request(nullptr);
         CallWords words(objc - 2, objv + 2, &request);
-        request.func = [path, &words](PyObject*) -> PyObject* {
+        request.func = [path, &request](PyObject*) -> PyObject* {
             SmartPyObj target(lookUpDotted(path, static_cast<int>(std::strlen(path))));
-            return target ? words.callWith(target.get()) : nullptr;
+            return target ? CallWords::callWith(request, target.get()) : nullptr;
         };
         return event_mgr->spin(&request);
     });

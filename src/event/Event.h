@@ -97,9 +97,11 @@ struct alignas(line_pair) PyEvent {
     // The argument is the Tcl thread's own object, lent (Lending.h): the Tcl
     // thread runs nothing until `taken`.
     bool lends = false;
-    // A call's words, when they are short: the line next to the request's,
-    // which comes with it (see CallWords).
+    // A call's words: packed, when they are short, else the work's own
+    // record of them (not owned). In the line next to the request's, which
+    // comes with it (see CallWords).
     alignas(cache_line) tcl_convert::ShortWords short_words;
+    const void* long_words = nullptr;
 
     // The answer, which the Tcl thread watches while it waits.
     alignas(line_pair) std::atomic<bool> done{false};

@@ -209,7 +209,7 @@ int PythonCommand::invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* con
     const int code = tclGuard(interp, [&] {
         event::PyEvent request(nullptr);
         CallWords words(objc - 1, objv + 1, &request);
-        request.func = [command, &words](PyObject*) -> PyObject* {
+        request.func = [command, &request](PyObject*) -> PyObject* {
             SmartPyObj target;
             if (command->callable_) {
                 target = command->callable_;
@@ -219,7 +219,7 @@ int PythonCommand::invoke(void* data, Tcl_Interp* interp, int objc, Tcl_Obj* con
             } else {
                 target = lookUpPath(command->path_.get());
             }
-            return target ? words.callWith(target.get()) : nullptr;
+            return target ? CallWords::callWith(request, target.get()) : nullptr;
         };
         return event_mgr->spin(&request);
     });
@@ -307,9 +307,9 @@ PyObject* callAtTopLevel(PyObject* callable, PyObject* const* arguments, int cou
 } // namespace
 
 CallWords::CallWords(int count, Tcl_Obj* const words[], event::PyEvent* request)
-    : packed_(request->short_words.pack(words, count) ? &request->short_words : nullptr),
-      words_(packed_ ? 0 : count) {
+    : words_(request->short_words.pack(words, count) ? 0 : count) {
     if (!words_.data()) throw std::bad_alloc(); // the command's guard reports it
+    if (!request->short_words.packed()) request->long_words = this;
     for (int i = 0; i < words_.size(); ++i) {
         Tcl_Obj* word = words[i];
         Word& out = words_[i];
@@ -354,14 +354,17 @@ SmartPyObj CallWords::valueOf(const Word& word) const {
     return SmartPyObj();
 }
 
-PyObject* CallWords::callWith(PyObject* callable) const {
-    const int count = packed_ ? packed_->count() : words_.size();
+PyObject* CallWords::callWith(const event::PyEvent& request, PyObject* callable) {
+    const tcl_convert::ShortWords& packed = request.short_words;
+    const auto* kept = static_cast<const CallWords*>(request.long_words);
+    const int count = packed.packed() ? packed.count() : kept->words_.size();
     SmallArray<PyObject*, 8> arguments(count);
     if (!arguments.data()) return PyErr_NoMemory();
     int converted = 0;
-    std::size_t at = 0; // into packed_
+    std::size_t at = 0; // into the packed words
     for (; converted < count; ++converted) {
-        SmartPyObj value = packed_ ? packed_->value(&at) : valueOf(words_[converted]);
+        SmartPyObj value =
+            packed.packed() ? packed.value(&at) : kept->valueOf(kept->words_[converted]);
         if (!value) {
             if (!PyErr_Occurred())
                 PyErr_SetString(PyExc_ValueError, tcl_convert::not_converted_message);

@@ -53,18 +53,20 @@ private:
 // NameError or AttributeError set.
 PyObject* lookUpDotted(const char* path, int length);
 
-// Tcl thread: the words of a call, each a detached copy that the Python side
-// may read while Tcl runs on; a word too deeply nested to copy is marked so.
-// Short words go packed into the request's own `short_words` instead.
+// Tcl thread: the words of a call, for `request`. Short ones go packed into
+// the request itself (its `short_words`), which the Python side reads with
+// the rest of the request; others are kept here (the request's `long_words`),
+// each a detached copy that the Python side may read while Tcl runs on. A
+// word too deeply nested to copy is marked so.
 class alignas(event::line_pair) CallWords {
 public:
     CallWords(int count, Tcl_Obj* const words[], event::PyEvent* request);
     CallWords(const CallWords&) = delete;
     CallWords& operator=(const CallWords&) = delete;
     ~CallWords();
-    // Python thread, lock held: calls `callable` with the words converted to
-    // Python; a new reference, or null with an error set.
-    PyObject* callWith(PyObject* callable) const;
+    // Python thread, lock held: calls `callable` with the words of `request`
+    // converted to Python; a new reference, or null with an error set.
+    static PyObject* callWith(const event::PyEvent& request, PyObject* callable);
 
 private:
     // A word as the Python side reads it. Plain words travel as text packed
@@ -87,7 +89,6 @@ private:
     // (RecursionError for a word too deep to copy).
     SmartPyObj valueOf(const Word& word) const;
 
-    const tcl_convert::ShortWords* packed_; // the request's, or null
     SmallArray<Word, 6> words_;
     std::string text_;
 };
