@@ -81,9 +81,9 @@ int set(void*, Tcl_Interp* interp, int objc, Tcl_Obj* const objv[]) {
         SmartTclObj value;
         if (lend || !tcl_convert::toScalar(original, &request.argument_scalar))
             value = lend ? original : tcl_convert::detachedCopy(original);
-        // The name's own text, which nothing writes, rather than a copy that
-        // this thread writes at every call: the Python side reads it at the
-        // start, before any Tcl code can run for it.
+        // The name's own text, rather than a copy that this thread writes at
+        // every call: no Tcl code can change it while the command runs, as the
+        // word is shared (a literal) or held by this command alone.
         const char* target = Tcl_GetString(objv[1]);
         request.func = [target](PyObject* converted) { return python::set(target, converted); };
         request.has_argument = true;
