@@ -15,10 +15,7 @@ bool toScalar(Tcl_Obj* value, Scalar* out) {
     int length = 0;
     const char* text = Tcl_GetStringFromObj(value, &length);
     if (length > Scalar::capacity) return false;
-    std::memcpy(out->text, text, static_cast<std::size_t>(length));
-    out->text[length] = '\0';
-    out->length = static_cast<unsigned char>(length);
-    out->kind = Scalar::Kind::text;
+    out->setText(text, static_cast<std::size_t>(length));
     return true;
 }
 
@@ -64,10 +61,7 @@ bool toScalar(PyObject* value, Scalar* out) {
         out->setInteger(integer);
         return true;
     case Scalar::Kind::text:
-        std::memcpy(out->text, text, length);
-        out->text[length] = '\0';
-        out->length = static_cast<unsigned char>(length);
-        out->kind = Scalar::Kind::text;
+        out->setText(text, length);
         return true;
     case Scalar::Kind::none:
         break;

@@ -12,7 +12,8 @@
 namespace tcl_convert {
 
 // One value: an integer, or a short text. Sixteen bytes and no alignment, so
-// that it fits in a record's first cache line beside the fields a call uses.
+// that it fits in a record's request or answer line beside the fields a call
+// uses.
 struct Scalar {
     static constexpr int capacity = 13; // bytes of text; a NUL follows them
     enum class Kind : unsigned char { none, integer, text };
@@ -29,8 +30,15 @@ struct Scalar {
         std::memcpy(text, &number, sizeof number);
         kind = Kind::integer;
     }
+    // `length` bytes, at most `capacity`.
+    void setText(const char* bytes, std::size_t length) {
+        std::memcpy(text, bytes, length);
+        text[length] = '\0';
+        this->length = static_cast<unsigned char>(length);
+        kind = Kind::text;
+    }
 };
-static_assert(sizeof(Scalar) == 16, "a scalar is meant to share a record's first line");
+static_assert(sizeof(Scalar) == 16, "a scalar is meant to share a record's line");
 // Tcl side, no Python: fills `out` when `value` is a scalar as fromTcl reads
 // it (neither a list nor a dict, and short), with what fromTcl reads.
 bool toScalar(Tcl_Obj* value, Scalar* out);
@@ -76,8 +84,8 @@ public:
     bool pack(Tcl_Obj* const* words, int count);
     bool packed() const { return packed_; }
     int count() const { return count_; }
-    // Python side: fromTcl of word `i`, which the next call to value() must
-    // follow (the words are read in order, from `*at`, which starts at 0).
+    // Python side: fromTcl of the word at `*at` (0 for the first), which then
+    // moves on to the next one: the words are read in order.
     SmartPyObj value(std::size_t* at) const;
 
 private:

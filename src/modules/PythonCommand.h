@@ -73,8 +73,7 @@ private:
     // into one buffer and integers without text as numbers, so that the
     // Python thread reads a few cache lines in all rather than a fresh Tcl
     // object per word; lists and dicts travel as detached copies. Sixteen
-    // bytes, so that a short call's words share the line of the array's
-    // count with it.
+    // bytes, so that a few words share a line with the array's count.
     struct Word {
         enum class Kind : unsigned char { text, integer, copy, too_deep };
         union {
